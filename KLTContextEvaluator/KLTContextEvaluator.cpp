@@ -1,0 +1,46 @@
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTMacroHelper.h"
+#include "platform/KLTLog.h"
+
+KLTContextEvaluator& KLTContextEvaluator::sharedInstance() {
+  // A function-local static makes the first creation thread-safe; the instance is never destroyed
+  // because queued tasks and listeners refer to it for the rest of the process.
+  static KLTContextEvaluator* contextEvaluator = new KLTContextEvaluator();
+  return *contextEvaluator;
+}
+
+KLTContextEvaluator::KLTContextEvaluator()
+    : macroHelper(std::make_unique<KLTMacroHelper>()),
+      _ceOpsSerialQueue(std::make_shared<KLTSerialQueue>(kKLTCEOpsSerialQueue)) {
+  KLT_LOG_INFO("-[KLTContextEvaluator init]",
+               "CE Plugin (" + std::to_string(kKLTContextEvalutorVersion) + ") - Initialized");
+}
+
+void KLTContextEvaluator::initialize(const KLTValue&) {}
+
+bool KLTContextEvaluator::start() { return false; }
+
+bool KLTContextEvaluator::stop() { return false; }
+
+std::shared_ptr<KLTSerialQueue> KLTContextEvaluator::ceOpsSerialQueue() const {
+  // Set once in the constructor and never replaced, so concurrent reads need no synchronisation.
+  return _ceOpsSerialQueue;
+}
+
+std::optional<std::string> KLTContextEvaluator::replaceMacros(const KLTValue& text) const {
+  return macroHelper->applyMacro(text);
+}
+
+std::vector<std::string> KLTContextEvaluator::configurationIdentifiers() const {
+  std::vector<std::string> ids;
+  ids.reserve(_configuration.size());
+  for (const auto& [id, item] : _configuration) ids.push_back(id);
+  return ids;
+}
+
+std::shared_ptr<KLTCEConfigItem> KLTContextEvaluator::configItemForIdentifier(const std::string& identifier) const {
+  auto it = _configuration.find(identifier);
+  return it == _configuration.end() ? nullptr : it->second;
+}

@@ -1,0 +1,70 @@
+// KLTContextEvaluator: the plug-in's entry object, a process-wide singleton that the host drives.
+//
+// It owns the one serial task queue ("com.kelto.serial.ce_operations") on which all rule work
+// runs: the parse of a configuration document, every event handled by a condition or trigger, and
+// every count update. Those tasks never overlap, so the rule objects need no locks.
+//
+// Thread-safety: every public operation may be called from any thread. parseConfiguration() and
+// updateCountForConfigWithIdentifier() post one task each and return at once; checkConfiguration()
+// only reads; replaceMacros() runs on the caller's thread and never waits for the queue.
+// The instance lives for the rest of the process (it is never destroyed).
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/KLTEvent.h"
+#include "platform/KLTSerialQueue.h"
+#include "platform/KLTValue.h"
+
+class KLTCEConfigItem;
+class KLTMacroHelper;
+
+class KLTContextEvaluator final : public KeltoPlugin {
+ public:
+  // The shared instance, created (and its start-up line logged) at the first call. Thread-safe.
+  static KLTContextEvaluator& sharedInstance();
+
+  KLTContextEvaluator(const KLTContextEvaluator&) = delete;
+  KLTContextEvaluator& operator=(const KLTContextEvaluator&) = delete;
+
+  // KeltoPlugin: initialize() ignores its argument; start() and stop() change nothing and answer false.
+  void initialize(const KLTValue& argument) override;
+  bool start() override;
+  bool stop() override;
+
+  // The serial task queue of all rule work.
+  std::shared_ptr<KLTSerialQueue> ceOpsSerialQueue() const;
+
+  // Queues the parse of a configuration document: configurations sorted by priority, admitted by
+  // checkConfiguration() and turned into config items stored by id. Returns at once.
+  void parseConfiguration(KLTValue document);
+  // Queues the count of one display of the campaign with this id (the host calls it after showing
+  // one). Unknown ids are ignored. Returns at once.
+  void updateCountForConfigWithIdentifier(std::string identifier);
+
+  // Whether one configuration is admitted for this device, app version, user, session and date.
+  // Logs the reason of a rejection; no other side effect. Any value is accepted.
+  bool checkConfiguration(const KLTValue& config) const;
+
+  // The text with its [user_x(default)] and [session_x(default)] placeholders filled; nothing when
+  // the text is not a non-empty string. Runs on the caller's thread.
+  std::optional<std::string> replaceMacros(const KLTValue& text) const;
+
+  // Ids of the stored config items. Call on the serial queue, or after ceOpsSerialQueue()
+  // ->waitUntilIdle(); the table belongs to the queue.
+  std::vector<std::string> configurationIdentifiers() const;
+  // The stored item for an id, or nullptr; same threading rule.
+  std::shared_ptr<KLTCEConfigItem> configItemForIdentifier(const std::string& identifier) const;
+
+ private:
+  KLTContextEvaluator();
+  void parseTask(const KLTValue& document);
+
+  std::unordered_map<std::string, std::shared_ptr<KLTCEConfigItem>> _configuration;
+  std::unique_ptr<KLTMacroHelper> macroHelper;
+  const std::shared_ptr<KLTSerialQueue> _ceOpsSerialQueue;
+};

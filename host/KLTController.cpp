@@ -1,0 +1,112 @@
+#include "host/KLTController.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "platform/KLTClock.h"
+
+KLTController& KLTController::sharedController() {
+  // Never destroyed: listeners and the evaluator live for the rest of the process.
+  static KLTController* shared = new KLTController();
+  return *shared;
+}
+
+KLTController::KLTController()
+    : user_(std::make_shared<KLTUser>()), session_(std::make_shared<KLTSession>()) {}
+
+std::string KLTController::listenerIdentifier(unsigned long code, const KLTValue& name) {
+  return std::to_string(code) + "___" + klt::textForm(name);
+}
+
+void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener) {
+  if (slot && std::find(slot->begin(), slot->end(), listener) != slot->end()) return;
+  // Copy on write: deliveries in progress keep the list they took.
+  auto next = slot ? std::make_shared<ListenerList>(*slot) : std::make_shared<ListenerList>();
+  next->push_back(std::move(listener));
+  slot = std::move(next);
+}
+
+void KLTController::registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener) {
+  if (!listener) return;
+  std::unique_lock lock(mutex_);
+  addUnique(byIdentifier_[identifier], std::move(listener));
+}
+
+void KLTController::registerForEventWithType(unsigned long eventType, std::shared_ptr<KLTEventListener> listener) {
+  if (!listener) return;
+  std::unique_lock lock(mutex_);
+  addUnique(byType_[eventType], std::move(listener));
+}
+
+std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& event) {
+  if (!event) return 0;
+  const std::string key = std::to_string(event->eventType) + "___" + event->identifier;
+  std::shared_ptr<const ListenerList> named, typed;
+  {
+    std::shared_lock lock(mutex_);
+    if (auto it = byIdentifier_.find(key); it != byIdentifier_.end()) named = it->second;
+    if (auto it = byType_.find(event->eventType); it != byType_.end()) typed = it->second;
+  }
+  std::size_t deliveries = 0;
+  for (const auto* list : {named.get(), typed.get()}) {
+    if (!list) continue;
+    for (const auto& listener : *list) {
+      listener->onEvent(event);
+      ++deliveries;
+    }
+  }
+  return deliveries;
+}
+
+int64_t KLTController::currentSDKTimeInMillis() const { return KLTClock::epochMillis(KLTClock::current()->now()); }
+
+void KLTController::dispatchEvent(std::shared_ptr<KLTDisplayEvent> event) {
+  std::shared_ptr<DispatchHandler> handler;
+  {
+    std::shared_lock lock(mutex_);
+    handler = dispatchHandler_;
+  }
+  if (handler && *handler && event) (*handler)(std::move(event));
+}
+
+void KLTController::setDispatchHandler(DispatchHandler handler) {
+  auto next = handler ? std::make_shared<DispatchHandler>(std::move(handler)) : nullptr;
+  std::unique_lock lock(mutex_);
+  dispatchHandler_ = std::move(next);
+}
+
+std::shared_ptr<KLTUser> KLTController::user() const {
+  std::shared_lock lock(mutex_);
+  return user_;
+}
+
+std::shared_ptr<KLTSession> KLTController::session() const {
+  std::shared_lock lock(mutex_);
+  return session_;
+}
+
+void KLTController::setUser(std::shared_ptr<KLTUser> user) {
+  if (!user) user = std::make_shared<KLTUser>();
+  std::unique_lock lock(mutex_);
+  user_ = std::move(user);
+}
+
+void KLTController::setSession(std::shared_ptr<KLTSession> session) {
+  if (!session) session = std::make_shared<KLTSession>();
+  std::unique_lock lock(mutex_);
+  session_ = std::move(session);
+}
+
+void KLTController::removeAllListeners() {
+  std::unique_lock lock(mutex_);
+  byIdentifier_.clear();
+  byType_.clear();
+}
+
+std::size_t KLTController::registrationCount() const {
+  std::shared_lock lock(mutex_);
+  std::size_t n = 0;
+  for (const auto& [key, list] : byIdentifier_) n += list ? list->size() : 0;
+  for (const auto& [key, list] : byType_) n += list ? list->size() : 0;
+  return n;
+}

@@ -1,0 +1,76 @@
+// KLTController: the reference host's controller, the one object through which the context
+// evaluator reaches the host.
+//
+// - A listener registry keyed by listener identifier ("%lu___%@": event code, three underscores,
+//   name; see listenerIdentifier()) and by event code. deliverEvent() reaches every listener
+//   registered under the event's identifier key and every listener registered for its code. A
+//   listener registered several times under the same key receives each event once for that key.
+//   Listeners are held strongly for the life of the registry.
+// - currentSDKTimeInMillis(): epoch milliseconds from the platform clock (KLTClock::current()).
+// - dispatchEvent(): hands display events to the handler the embedding code installed.
+// - user() and session(): the current user and session.
+//
+// Thread-safety: every operation may be called from any thread. Listeners are called outside the
+// registry's lock, on the thread that called deliverEvent(); the dispatch handler is called on the
+// thread that called dispatchEvent() (the evaluator's serial queue).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/KLTDisplayEvents.h"
+#include "host/KLTEvent.h"
+#include "host/KLTUser.h"
+#include "platform/KLTLog.h"  // the host's global LOG_LEVEL
+
+class KLTController {
+ public:
+  using DispatchHandler = std::function<void(std::shared_ptr<KLTDisplayEvent>)>;
+
+  // The process-wide controller; never destroyed.
+  static KLTController& sharedController();
+
+  KLTController();
+  KLTController(const KLTController&) = delete;
+  KLTController& operator=(const KLTController&) = delete;
+
+  // "%lu___%@" of a code and a name, the name in its text form (a missing name gives "(null)").
+  static std::string listenerIdentifier(unsigned long code, const KLTValue& name);
+
+  // --- what the plug-in calls ---
+  void registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener);
+  void registerForEventWithType(unsigned long eventType, std::shared_ptr<KLTEventListener> listener);
+  int64_t currentSDKTimeInMillis() const;
+  void dispatchEvent(std::shared_ptr<KLTDisplayEvent> event);
+  std::shared_ptr<KLTUser> user() const;
+  std::shared_ptr<KLTSession> session() const;
+
+  // --- what the embedding host calls ---
+  // Delivers the event to its listeners; returns the number of deliveries made.
+  std::size_t deliverEvent(const std::shared_ptr<const KLTEvent>& event);
+  // Installs the display handler (nullptr: display events are dropped).
+  void setDispatchHandler(DispatchHandler handler);
+  // Starts a new user or session (a fresh object, with empty attributes when none is given).
+  void setUser(std::shared_ptr<KLTUser> user);
+  void setSession(std::shared_ptr<KLTSession> session);
+  // Forgets every listener (a host that tears down its plug-ins).
+  void removeAllListeners();
+  // Number of (key, listener) registrations.
+  std::size_t registrationCount() const;
+
+ private:
+  using ListenerList = std::vector<std::shared_ptr<KLTEventListener>>;
+  static void addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener);
+
+  mutable std::shared_mutex mutex_;
+  std::unordered_map<std::string, std::shared_ptr<const ListenerList>> byIdentifier_;
+  std::unordered_map<unsigned long, std::shared_ptr<const ListenerList>> byType_;
+  std::shared_ptr<DispatchHandler> dispatchHandler_;
+  std::shared_ptr<KLTUser> user_;
+  std::shared_ptr<KLTSession> session_;
+};

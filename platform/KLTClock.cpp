@@ -1,0 +1,136 @@
+#include "platform/KLTClock.h"
+
+#include <unicode/timezone.h>
+#include <unicode/unistr.h>
+
+#include <cmath>
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+class IcuTimeZone final : public KLTTimeZone {
+ public:
+  explicit IcuTimeZone(std::unique_ptr<icu::TimeZone> zone) : zone_(std::move(zone)) {}
+  int offsetMinutesAt(KLTTimePoint t) const override {
+    const double udate = static_cast<double>(KLTClock::epochMillis(t));
+    int32_t raw = 0, dst = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    std::lock_guard lock(mutex_);  // icu::TimeZone::getOffset is const but not documented thread-safe
+    zone_->getOffset(udate, false, raw, dst, status);
+    if (U_FAILURE(status)) return 0;
+    return (raw + dst) / 60000;
+  }
+  std::string identifier() const override {
+    icu::UnicodeString id;
+    zone_->getID(id);
+    std::string out;
+    id.toUTF8String(out);
+    return out;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::unique_ptr<icu::TimeZone> zone_;
+};
+
+class FixedTimeZone final : public KLTTimeZone {
+ public:
+  explicit FixedTimeZone(int minutes) : minutes_(minutes) {}
+  int offsetMinutesAt(KLTTimePoint) const override { return minutes_; }
+  std::string identifier() const override {
+    char buf[32];
+    const int a = std::abs(minutes_);
+    std::snprintf(buf, sizeof buf, "UTC%c%02d:%02d", minutes_ < 0 ? '-' : '+', a / 60, a % 60);
+    return buf;
+  }
+
+ private:
+  int minutes_;
+};
+
+std::mutex& clockMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<KLTClock>& clockSlot() {
+  static std::shared_ptr<KLTClock> slot = std::make_shared<KLTRealClock>();
+  return slot;
+}
+
+}  // namespace
+
+std::shared_ptr<const KLTTimeZone> KLTTimeZone::named(const std::string& id) {
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(id)));
+  // ICU answers an unknown identifier with the "Etc/Unknown" zone rather than failing.
+  if (!zone || *zone == icu::TimeZone::getUnknown()) return nullptr;
+  return std::make_shared<IcuTimeZone>(std::move(zone));
+}
+
+std::shared_ptr<const KLTTimeZone> KLTTimeZone::fixedOffset(int minutesEast) {
+  return std::make_shared<FixedTimeZone>(minutesEast);
+}
+
+std::shared_ptr<const KLTTimeZone> KLTTimeZone::system() {
+  // ICU reads TZ (or the system setting) once; detect it afresh for each request.
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
+  if (!zone) return fixedOffset(0);
+  return std::make_shared<IcuTimeZone>(std::move(zone));
+}
+
+KLTLocalTime KLTTimeZone::localTimeAt(KLTTimePoint t) const {
+  using namespace std::chrono;
+  const auto local = floor<minutes>(t) + minutes(offsetMinutesAt(t));
+  const auto sinceMidnight = local - floor<days>(local);
+  const auto total = duration_cast<minutes>(sinceMidnight).count();
+  return KLTLocalTime{static_cast<int>(total / 60), static_cast<int>(total % 60)};
+}
+
+std::shared_ptr<KLTClock> KLTClock::current() {
+  std::lock_guard lock(clockMutex());
+  return clockSlot();
+}
+
+std::shared_ptr<KLTClock> KLTClock::setCurrent(std::shared_ptr<KLTClock> clock) {
+  if (!clock) clock = std::make_shared<KLTRealClock>();
+  std::lock_guard lock(clockMutex());
+  clockSlot().swap(clock);
+  return clock;
+}
+
+int64_t KLTClock::epochMillis(KLTTimePoint t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+}
+
+KLTTimePoint KLTClock::addSaturating(KLTTimePoint base, double seconds) {
+  if (std::isnan(seconds) || seconds <= 0) return base;
+  const double ticks = seconds * static_cast<double>(KLTTimePoint::period::den) / KLTTimePoint::period::num;
+  const double room = static_cast<double>((KLTTimePoint::max() - base).count());
+  if (ticks >= room) return KLTTimePoint::max();
+  return base + KLTTimePoint::duration(static_cast<KLTTimePoint::rep>(ticks));
+}
+
+KLTRealClock::KLTRealClock(std::shared_ptr<const KLTTimeZone> zone)
+    : zone_(zone ? std::move(zone) : KLTTimeZone::system()) {}
+
+KLTTimePoint KLTRealClock::now() const { return std::chrono::system_clock::now(); }
+
+bool KLTRealClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
+  std::mutex m;
+  std::condition_variable_any cv;
+  std::unique_lock lock(m);
+  while (!stop.stop_requested()) {
+    if (deadline == KLTTimePoint::max()) {
+      cv.wait(lock, stop, [] { return false; });
+      continue;
+    }
+    const auto remaining = deadline - std::chrono::system_clock::now();
+    if (remaining <= KLTTimePoint::duration::zero()) return true;
+    // Wait in steady time so that a wall-clock jump does not stretch the sleep.
+    const auto steadyDeadline = std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(remaining);
+    cv.wait_until(lock, stop, steadyDeadline, [] { return false; });
+  }
+  return false;
+}

@@ -1,0 +1,81 @@
+#include "platform/KLTLog.h"
+
+#include <unistd.h>
+
+#include <mutex>
+
+std::atomic<long> LOG_LEVEL{2};
+
+namespace {
+
+class StderrSink final : public KLTLogSink {
+ public:
+  void write(std::string_view line) override {
+    // One write() call per line keeps lines from different threads whole.
+    std::size_t done = 0;
+    while (done < line.size()) {
+      const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+      if (n <= 0) return;
+      done += static_cast<std::size_t>(n);
+    }
+  }
+};
+
+std::mutex& sinkMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<KLTLogSink>& sinkSlot() {
+  static std::shared_ptr<KLTLogSink> slot = std::make_shared<StderrSink>();
+  return slot;
+}
+
+}  // namespace
+
+std::shared_ptr<KLTLogSink> KLTLog::setSink(std::shared_ptr<KLTLogSink> sink) {
+  if (!sink) sink = std::make_shared<StderrSink>();
+  std::lock_guard lock(sinkMutex());
+  sinkSlot().swap(sink);
+  return sink;
+}
+
+std::shared_ptr<KLTLogSink> KLTLog::sink() {
+  std::lock_guard lock(sinkMutex());
+  return sinkSlot();
+}
+
+bool KLTLog::enabled(KLTLogLevel level) {
+  const auto gate = static_cast<unsigned long>(LOG_LEVEL.load(std::memory_order_relaxed));
+  switch (level) {
+    case KLTLogLevel::Debug:
+      return gate <= 1;
+    case KLTLogLevel::Error:
+      return gate <= 3;
+    case KLTLogLevel::Info:
+      return true;
+  }
+  return true;
+}
+
+std::string KLTLog::format(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
+  std::string out;
+  switch (level) {
+    case KLTLogLevel::Debug:
+      out = "<KLT DEBUG> ";
+      break;
+    case KLTLogLevel::Info:
+      out = "<KLT INFO> ";
+      break;
+    case KLTLogLevel::Error:
+      out = "<KLT ERROR> ";
+      break;
+  }
+  out.append(message).append(" ").append(method).append(":").append(std::to_string(line)).append("\n");
+  return out;
+}
+
+void KLTLog::emit(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
+  if (!enabled(level)) return;
+  sink()->write(format(level, message, method, line));
+}

@@ -1,0 +1,54 @@
+// KLTLog: the log sink every log line of the system goes to, and the level gating of log lines.
+//
+// Lines are written in one of three formats, "<KLT DEBUG> %@ %s:%d\n", "<KLT INFO> %@ %s:%d\n" and
+// "<KLT ERROR> %@ %s:%d\n": the message, the emitting method as "-[Class selector:]" and the source
+// line. The gate is the host's global LOG_LEVEL, read at every call and compared as an unsigned
+// number: DEBUG lines pass at 0 or 1, ERROR lines at 3 or less, INFO lines always.
+//
+// The sink is standard error unless the embedding code (or a test) installs another one.
+// Thread-safety: every function may be called from any thread; a sink's write() may be called
+// from several threads at once and must cope (the standard-error sink writes each line whole).
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+
+// The host's global log level (default 2: INFO and ERROR lines, no DEBUG lines).
+extern std::atomic<long> LOG_LEVEL;
+
+enum class KLTLogLevel { Debug, Info, Error };
+
+class KLTLogSink {
+ public:
+  KLTLogSink() = default;
+  KLTLogSink(const KLTLogSink&) = delete;
+  KLTLogSink& operator=(const KLTLogSink&) = delete;
+  virtual ~KLTLogSink() = default;
+  // Receives one formatted line, ending in "\n".
+  virtual void write(std::string_view line) = 0;
+};
+
+class KLTLog {
+ public:
+  // Installs the process-wide sink; nullptr restores standard error. Returns the previous sink.
+  static std::shared_ptr<KLTLogSink> setSink(std::shared_ptr<KLTLogSink> sink);
+  static std::shared_ptr<KLTLogSink> sink();
+
+  // Whether a line of this level passes the present LOG_LEVEL.
+  static bool enabled(KLTLogLevel level);
+  // The formatted line, "<KLT LEVEL> message method:line\n".
+  static std::string format(KLTLogLevel level, std::string_view message, std::string_view method, int line);
+  // Formats and writes one line if its level passes the gate.
+  static void emit(KLTLogLevel level, std::string_view message, std::string_view method, int line);
+};
+
+// Log statements: the message expression is evaluated only when the level passes.
+#define KLT_LOG(level, method, message)                                  \
+  do {                                                                   \
+    if (::KLTLog::enabled(level)) ::KLTLog::emit(level, (message), (method), __LINE__); \
+  } while (0)
+#define KLT_LOG_DEBUG(method, message) KLT_LOG(::KLTLogLevel::Debug, method, message)
+#define KLT_LOG_INFO(method, message) KLT_LOG(::KLTLogLevel::Info, method, message)
+#define KLT_LOG_ERROR(method, message) KLT_LOG(::KLTLogLevel::Error, method, message)

@@ -1,0 +1,280 @@
+#include "platform/KLTValue.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace klt {
+namespace {
+
+// Subtype that marks a binary value as a date: 8 bytes, big-endian signed nanoseconds since epoch.
+constexpr std::uint8_t kDateSubtype = 0x44;
+
+const KLTValue& nullValue() {
+  static const KLTValue kNull;
+  return kNull;
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+// Truncates toward zero and clamps to [lo, hi]; NaN reads 0.
+template <typename Int>
+Int clampDouble(double d) {
+  if (std::isnan(d)) return 0;
+  constexpr double lo = static_cast<double>(std::numeric_limits<Int>::min());
+  // 2^63 (or 2^31) is exactly representable; anything at or above it overflows.
+  constexpr double hiExclusive = -lo;
+  if (d <= lo) return std::numeric_limits<Int>::min();
+  if (d >= hiExclusive) return std::numeric_limits<Int>::max();
+  return static_cast<Int>(std::trunc(d));
+}
+
+}  // namespace
+
+bool isList(const KLTValue& v) { return v.is_array(); }
+bool isString(const KLTValue& v) { return v.is_string(); }
+bool isDictionary(const KLTValue& v) { return v.is_object(); }
+bool isNumber(const KLTValue& v) { return v.is_number() || v.is_boolean(); }
+bool isDate(const KLTValue& v) {
+  return v.is_binary() && v.get_binary().has_subtype() && v.get_binary().subtype() == kDateSubtype &&
+         v.get_binary().size() == 8;
+}
+
+int64_t parseInteger(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size() && isSpace(text[i])) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  // Accumulate as a negative number so that INT64_MIN is reachable without overflow.
+  int64_t acc = 0;
+  bool overflow = false;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+    const int digit = text[i] - '0';
+    if (!overflow) {
+      if (acc < (std::numeric_limits<int64_t>::min() + digit) / 10) {
+        overflow = true;
+      } else {
+        acc = acc * 10 - digit;
+      }
+    }
+  }
+  if (overflow) return negative ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+  if (negative) return acc;
+  return acc == std::numeric_limits<int64_t>::min() ? std::numeric_limits<int64_t>::max() : -acc;
+}
+
+int32_t parseInt32(std::string_view text) {
+  const int64_t v = parseInteger(text);
+  if (v < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+  if (v > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+  return static_cast<int32_t>(v);
+}
+
+int64_t integerValue(const KLTValue& v) {
+  switch (v.type()) {
+    case KLTValue::value_t::boolean:
+      return v.get<bool>() ? 1 : 0;
+    case KLTValue::value_t::number_integer:
+      return v.get<int64_t>();
+    case KLTValue::value_t::number_unsigned: {
+      const auto u = v.get<uint64_t>();
+      return u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? std::numeric_limits<int64_t>::max()
+                                                                             : static_cast<int64_t>(u);
+    }
+    case KLTValue::value_t::number_float:
+      return clampDouble<int64_t>(v.get<double>());
+    case KLTValue::value_t::string:
+      return parseInteger(v.get_ref<const std::string&>());
+    default:
+      return 0;
+  }
+}
+
+int32_t int32Value(const KLTValue& v) {
+  if (v.is_number_float()) return clampDouble<int32_t>(v.get<double>());
+  const int64_t i = integerValue(v);
+  if (i < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+  if (i > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+  return static_cast<int32_t>(i);
+}
+
+double doubleValue(const KLTValue& v) {
+  switch (v.type()) {
+    case KLTValue::value_t::boolean:
+      return v.get<bool>() ? 1.0 : 0.0;
+    case KLTValue::value_t::number_integer:
+      return static_cast<double>(v.get<int64_t>());
+    case KLTValue::value_t::number_unsigned:
+      return static_cast<double>(v.get<uint64_t>());
+    case KLTValue::value_t::number_float:
+      return v.get<double>();
+    case KLTValue::value_t::string: {
+      const std::string& s = v.get_ref<const std::string&>();
+      std::size_t i = 0;
+      while (i < s.size() && isSpace(s[i])) ++i;
+      if (i < s.size() && s[i] == '+') ++i;
+      double out = 0.0;
+      const auto res = std::from_chars(s.data() + i, s.data() + s.size(), out, std::chars_format::general);
+      if (res.ec == std::errc::result_out_of_range) {
+        return (i < s.size() && s[i] == '-') ? -std::numeric_limits<double>::infinity()
+                                              : std::numeric_limits<double>::infinity();
+      }
+      return res.ec == std::errc() ? out : 0.0;
+    }
+    default:
+      return 0.0;
+  }
+}
+
+bool boolValue(const KLTValue& v) {
+  if (v.is_boolean()) return v.get<bool>();
+  if (v.is_number_integer()) return v.get<int64_t>() != 0;  // covers unsigned too
+  if (v.is_number_float()) return v.get<double>() != 0.0;
+  if (!v.is_string()) return false;
+  const std::string& s = v.get_ref<const std::string&>();
+  std::size_t i = 0;
+  while (i < s.size() && isSpace(s[i])) ++i;
+  if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
+  while (i < s.size() && s[i] == '0') ++i;
+  if (i >= s.size()) return false;
+  const char c = s[i];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
+namespace {
+
+bool numbersEqual(const KLTValue& a, const KLTValue& b) {
+  const bool aFloat = a.is_number_float(), bFloat = b.is_number_float();
+  if (!aFloat && !bFloat) {
+    // Both integral (boolean, signed or unsigned): compare without losing precision.
+    const bool aU = a.is_number_unsigned(), bU = b.is_number_unsigned();
+    if (aU && bU) return a.get<uint64_t>() == b.get<uint64_t>();
+    if (aU || bU) {
+      const KLTValue& u = aU ? a : b;
+      const int64_t s = integerValue(aU ? b : a);
+      return s >= 0 && static_cast<uint64_t>(s) == u.get<uint64_t>();
+    }
+    return integerValue(a) == integerValue(b);
+  }
+  if (aFloat && bFloat) return a.get<double>() == b.get<double>();
+  const double f = aFloat ? a.get<double>() : b.get<double>();
+  const KLTValue& i = aFloat ? b : a;
+  if (std::isnan(f) || std::trunc(f) != f) return false;
+  if (i.is_number_unsigned()) {
+    return f >= 0 && f < 18446744073709551616.0 && static_cast<uint64_t>(f) == i.get<uint64_t>();
+  }
+  return f >= -9223372036854775808.0 && f < 9223372036854775808.0 && static_cast<int64_t>(f) == integerValue(i);
+}
+
+}  // namespace
+
+bool isEqual(const KLTValue& a, const KLTValue& b) {
+  if (isDate(a) || isDate(b)) return isDate(a) && isDate(b) && dateValue(a) == dateValue(b);
+  if (isNumber(a) || isNumber(b)) return isNumber(a) && isNumber(b) && numbersEqual(a, b);
+  if (a.type() != b.type()) return false;
+  switch (a.type()) {
+    case KLTValue::value_t::null:
+      return true;
+    case KLTValue::value_t::string:
+      return a.get_ref<const std::string&>() == b.get_ref<const std::string&>();
+    case KLTValue::value_t::array: {
+      if (a.size() != b.size()) return false;
+      for (std::size_t i = 0; i < a.size(); ++i) {
+        if (!isEqual(a[i], b[i])) return false;
+      }
+      return true;
+    }
+    case KLTValue::value_t::object: {
+      if (a.size() != b.size()) return false;
+      for (auto it = a.begin(); it != a.end(); ++it) {
+        auto other = b.find(it.key());
+        if (other == b.end() || !isEqual(it.value(), *other)) return false;
+      }
+      return true;
+    }
+    default:
+      return a == b;
+  }
+}
+
+bool listContains(const KLTValue& list, const KLTValue& value) {
+  if (!list.is_array()) return false;
+  for (const auto& element : list) {
+    if (isEqual(element, value)) return true;
+  }
+  return false;
+}
+
+std::string textForm(const KLTValue& v) {
+  switch (v.type()) {
+    case KLTValue::value_t::null:
+      return "(null)";
+    case KLTValue::value_t::string:
+      return v.get<std::string>();
+    case KLTValue::value_t::boolean:
+      return v.get<bool>() ? "true" : "false";
+    case KLTValue::value_t::number_integer:
+      return std::to_string(v.get<int64_t>());
+    case KLTValue::value_t::number_unsigned:
+      return std::to_string(v.get<uint64_t>());
+    case KLTValue::value_t::number_float: {
+      const double d = v.get<double>();
+      if (std::isnan(d)) return "nan";
+      if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+      char buf[64];
+      std::to_chars_result res{};
+      if (std::trunc(d) == d && std::fabs(d) < 1e21) {
+        res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, 0);
+      } else {
+        res = std::to_chars(buf, buf + sizeof buf, d);
+      }
+      std::string out(buf, res.ptr);
+      return out == "-0" ? "0" : out;
+    }
+    case KLTValue::value_t::binary:
+      if (auto t = dateValue(v)) return formatDate(*t);
+      return v.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
+    default:
+      return v.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
+  }
+}
+
+const KLTValue& valueForKey(const KLTValue& dict, std::string_view key) {
+  if (!dict.is_object()) return nullValue();
+  auto it = dict.find(key);
+  return it == dict.end() ? nullValue() : *it;
+}
+
+const std::string* stringPtr(const KLTValue& v) { return v.is_string() ? v.get_ptr<const std::string*>() : nullptr; }
+
+KLTValue makeDate(KLTTimePoint t) {
+  const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+  std::vector<std::uint8_t> bytes(8);
+  for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(static_cast<uint64_t>(ns) >> (56 - 8 * i));
+  return KLTValue::binary(std::move(bytes), kDateSubtype);
+}
+
+std::optional<KLTTimePoint> dateValue(const KLTValue& v) {
+  if (!isDate(v)) return std::nullopt;
+  const auto& bytes = v.get_binary();
+  uint64_t u = 0;
+  for (int i = 0; i < 8; ++i) u = (u << 8) | bytes[i];
+  return KLTTimePoint(std::chrono::duration_cast<KLTTimePoint::duration>(
+      std::chrono::nanoseconds(static_cast<int64_t>(u))));
+}
+
+std::string formatDate(KLTTimePoint t) {
+  using namespace std::chrono;
+  const auto day = floor<days>(t);
+  const year_month_day ymd{day};
+  const hh_mm_ss hms{floor<seconds>(t - day)};
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04d-%02u-%02u %02lld:%02lld:%02lld +0000", static_cast<int>(ymd.year()),
+                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                static_cast<long long>(hms.hours().count()), static_cast<long long>(hms.minutes().count()),
+                static_cast<long long>(hms.seconds().count()));
+  return buf;
+}
+
+}  // namespace klt
