@@ -1,6 +1,59 @@
-// Placeholder so the library links while configuration intake is written.
-#include "KLTContextEvaluator/KLTContextEvaluator.h"
+// Configuration intake: the parse of a campaign document and the count of a display, both run as
+// tasks on the evaluator's serial queue.
+#include <algorithm>
 
-void KLTContextEvaluator::parseConfiguration(KLTValue) {}
-void KLTContextEvaluator::updateCountForConfigWithIdentifier(std::string) {}
-void KLTContextEvaluator::parseTask(const KLTValue&) {}
+#include "KLTContextEvaluator/KLTCEConfigItem.h"
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "platform/KLTLog.h"
+
+namespace {
+
+// A configuration's priority: its `prio` as a signed integer; 1 when absent.
+int64_t priorityOf(const KLTValue& config) {
+  const KLTValue& prio = klt::valueForKey(config, kKLTPriority);
+  return prio.is_null() ? 1 : klt::integerValue(prio);
+}
+
+}  // namespace
+
+void KLTContextEvaluator::parseConfiguration(KLTValue document) {
+  auto shared = std::make_shared<const KLTValue>(std::move(document));
+  _ceOpsSerialQueue->async([this, shared] { parseTask(*shared); });
+}
+
+void KLTContextEvaluator::parseTask(const KLTValue& document) {
+  const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);
+  if (!configs.is_array() || configs.empty()) return;
+  std::vector<const KLTValue*> sorted;
+  sorted.reserve(configs.size());
+  for (const auto& config : configs) sorted.push_back(&config);
+  // Highest priority first; equal priorities keep their document order.
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const KLTValue* a, const KLTValue* b) { return priorityOf(*a) > priorityOf(*b); });
+  for (const KLTValue* config : sorted) {
+    const KLTValue& id = klt::valueForKey(*config, kKLTConfigId);
+    if (!checkConfiguration(*config)) {
+      KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
+                   "Validation failed for config with id: " + klt::textForm(id));
+      continue;
+    }
+    // A new item replaces the stored one; the old one stays registered with the host.
+    auto item = KLTCEConfigItem::create(*config);
+    if (const std::string* key = klt::stringPtr(id)) {
+      if (item) {
+        _configuration[*key] = std::move(item);
+      } else {
+        _configuration.erase(*key);
+      }
+    }
+  }
+}
+
+void KLTContextEvaluator::updateCountForConfigWithIdentifier(std::string identifier) {
+  _ceOpsSerialQueue->async([this, identifier = std::move(identifier)] {
+    auto it = _configuration.find(identifier);
+    if (it == _configuration.end()) return;  // unknown id: nothing to count
+    it->second->updateFrequencyForConfigItemWithIdentifier(identifier);
+  });
+}

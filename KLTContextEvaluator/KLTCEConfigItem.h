@@ -1,0 +1,71 @@
+// KLTCEConfigItem: the run-time form of one admitted campaign. It builds the campaign's conditions,
+// combines their results when one completes, applies the daily time window and (in combined mode)
+// the frequency cap, and dispatches the display event to the host.
+//
+// Combined mode (`sequence_enabled` false): all conditions are built at once; every completion
+// folds their `satisfied` flags strictly left to right with each later condition's combine
+// operator ("AND"/"OR"; anything else makes the fold false), with no short-circuit.
+// Sequence mode: conditions sorted by `sequence` (stable) and built one at a time, each when the
+// previous one completes; after the last, the window is checked and the campaign dispatched
+// without the cap check.
+//
+// Thread-safety: built and used only on the evaluator's serial queue. Ownership: created with
+// create(); held by the evaluator's table and by its conditions' callbacks, so it lives (and its
+// conditions stay registered) for the rest of the process.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KLTContextEvaluator/KLTCECondition.h"
+#include "KLTContextEvaluator/KLTCEFrequency.h"
+#include "platform/KLTValue.h"
+
+class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigItem> {
+ public:
+  // Builds the item from an admitted configuration. A configuration without a text `_id` builds
+  // nothing: nullptr, with one ERROR line. In sequence mode with no conditions the campaign is
+  // dispatched (window permitting) before create() returns.
+  static std::shared_ptr<KLTCEConfigItem> create(const KLTValue& config);
+
+  // Combined mode: folds the conditions and dispatches when the result, the window and the cap allow.
+  void checkAllConditions();
+  // The cap: whether the frequency object allows one more showing; logs "Action count limit
+  // exceeded" (INFO) when not.
+  bool checkCountAndValidity();
+  // Counts one showing in the persisted counters.
+  void updateFrequencyForConfigItemWithIdentifier(const std::string& identifier);
+  // Builds and hands to the host the display event of this type ("SURVEY", "IN_APP", "IN_LINE");
+  // any other type dispatches nothing.
+  void dispatchEventWithType(const KLTValue& type);
+
+  const std::string& identifier() const { return _id; }
+  // Combined mode: every condition in document order. Sequence mode: empty.
+  const std::vector<std::shared_ptr<KLTCECondition>>& conditions() const { return _conditions; }
+  const KLTCEFrequency& frequency() const { return *_frequency; }
+  // Nothing when no daily window applies.
+  const KLTCETimeLimits* timeLimits() const { return _timeLimits.get(); }
+  // { id: { "type": meta.type, "subtype": ui.display_type } }, absent values not set.
+  const KLTValue& meta() const { return _meta; }
+  // The display type: the `type` of the meta entry (null when absent).
+  const KLTValue& displayType() const;
+
+ private:
+  struct Token {};
+  using ConditionList = std::vector<KLTValue>;
+
+ public:
+  KLTCEConfigItem(Token, const KLTValue& config, std::string identifier);
+
+ private:
+  void prepareMetaDictionaryWithConfig(const KLTValue& config);
+  void buildConditions(const KLTValue& config);
+  void loadItemAtPosition(std::size_t position, const std::shared_ptr<const ConditionList>& conditions);
+
+  std::string _id;
+  std::unique_ptr<KLTCEFrequency> _frequency;
+  std::unique_ptr<KLTCETimeLimits> _timeLimits;
+  std::vector<std::shared_ptr<KLTCECondition>> _conditions;
+  KLTValue _meta;
+};

@@ -1,0 +1,73 @@
+#include "KLTContextEvaluator/KLTCETrigger.h"
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEUtility.h"
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "host/KLTController.h"
+
+namespace {
+
+bool isWord(const KLTValue& v, const char* word) {
+  const std::string* s = klt::stringPtr(v);
+  return s && *s == word;
+}
+
+}  // namespace
+
+KLTCECountConfig::KLTCECountConfig(const KLTValue& data)
+    : _count(klt::integerValue(klt::valueForKey(data, kKLTCount))), _operator(klt::valueForKey(data, kKLTOperator)) {}
+
+KLTCETimeBounds::KLTCETimeBounds(const KLTValue& data)
+    : _lower(klt::integerValue(klt::valueForKey(data, kKLTLower))),
+      _upper(klt::integerValue(klt::valueForKey(data, kKLTUpper))) {}
+
+KLTCEDetails::KLTCEDetails(const KLTValue& data)
+    : _name(klt::valueForKey(data, kKLTName)), _additionalInfo(klt::valueForKey(data, kKLTAdditionalInfo)) {}
+
+KLTCETrigger::KLTCETrigger(Token, const KLTValue& data, std::function<void()> handler)
+    : completionHandler(std::move(handler)),
+      _activity(klt::valueForKey(data, kKLTActivity)),
+      _eventType(klt::valueForKey(data, kKLTEventType)),
+      _details(klt::valueForKey(data, kKLTDetails)),
+      _timeBounds(klt::valueForKey(data, kKLTTimeBounds)) {}
+
+std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::function<void()> handler) {
+  auto trigger = std::make_shared<KLTCETrigger>(Token{}, data, std::move(handler));
+  auto& controller = KLTController::sharedController();
+  if (isWord(trigger->_eventType, kKLTAppEvent)) {
+    controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, trigger->_details.name()), trigger);
+  } else if (isWord(trigger->_eventType, kKLTActivityEvent)) {
+    controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeActivity, trigger->_activity), trigger);
+  } else if (isWord(trigger->_eventType, kKLTAppStart)) {
+    // Fires while its condition is being built; the condition builds its trigger last for this.
+    if (trigger->completionHandler) trigger->completionHandler();
+  }
+  // Any other type (a client event included) never fires.
+  return trigger;
+}
+
+void KLTCETrigger::onEvent(std::shared_ptr<const KLTEvent> event) {
+  if (!event) return;
+  KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->async(
+      [self = shared_from_this(), event = std::move(event)] { self->handleEvent(*event); });
+}
+
+void KLTCETrigger::handleEvent(const KLTEvent& event) {
+  // The host routes only the events registered under this trigger's identifier; the name is trusted.
+  const auto now = [] { return KLTController::sharedController().currentSDKTimeInMillis(); };
+  switch (event.eventType) {
+    case kKLTEventCodeActivity:
+      if (KLTCEUtility::checkGivenTime(now(), _timeBounds.lower(), _timeBounds.upper()) && completionHandler) {
+        completionHandler();
+      }
+      break;
+    case kKLTEventCodeApp:
+      if (KLTCEUtility::doesDictionary(event.additionalInfo, _details.additionalInfo()) &&
+          KLTCEUtility::checkGivenTime(now(), _timeBounds.lower(), _timeBounds.upper()) && completionHandler) {
+        completionHandler();
+      }
+      break;
+    default:
+      break;
+  }
+}
