@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
-#include "../tests/support/KLTCampaignBuilder.h"
+#include "testsupport/KLTCampaignBuilder.h"
 #include "testsupport/KLTTestHost.h"
 
 using namespace kltfixture;

@@ -11,7 +11,7 @@
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
-#include "support/KLTCampaignBuilder.h"
+#include "testsupport/KLTCampaignBuilder.h"
 #include "testsupport/KLTTestHost.h"
 
 using namespace kltfixture;

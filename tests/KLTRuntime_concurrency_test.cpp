@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
-#include "support/KLTCampaignBuilder.h"
+#include "testsupport/KLTCampaignBuilder.h"
 #include "testsupport/KLTTestHost.h"
 
 using namespace kltfixture;

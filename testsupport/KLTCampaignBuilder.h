@@ -1,4 +1,4 @@
-// Small builders of campaign documents for scenario tests and benchmarks.
+// Small builders of campaign documents for scenario tests, benchmarks and tools.
 #pragma once
 
 #include <string>
