@@ -52,10 +52,13 @@ TEST_F(RuntimeScenario, ChecksConfigurationsInDescendingPriorityAbsentCountingAs
   };
   parse(document({disabled("p0", 0), disabled("p3", 3), disabled("pabsent", nullptr), disabled("p5", "5"),
                   disabled("pneg", -2)}));
+  const std::string marker = "Validation failed for config with id: ";
   std::vector<std::string> order;
   for (const auto& line : host.log().lines()) {
-    const auto at = line.find("Validation failed for config with id: ");
-    if (at != std::string::npos) order.push_back(line.substr(at + 39, line.find(' ', at + 39) - at - 39));
+    const auto at = line.find(marker);
+    if (at == std::string::npos) continue;
+    const auto start = at + marker.size();
+    order.push_back(line.substr(start, line.find(' ', start) - start));
   }
   EXPECT_EQ(order, (std::vector<std::string>{"p5", "p3", "pabsent", "p0", "pneg"}));
   EXPECT_EQ(host.log().count("Config disabled"), 5);
@@ -260,7 +263,11 @@ TEST_F(RuntimeScenario, IdleTimerBlocksTheQueueForItsIntervalThenRegisters) {
   host.clock().setAutoAdvance(false);
   const std::string id = uniqueId("idle");
   const int64_t t0 = host.controller().currentSDKTimeInMillis();
-  evaluator().parseConfiguration(document({campaign(id, KLTValue::array({timerCondition("idle_time", 30000)}))}));
+  KLTValue openTrigger{{"event_type", "app_event"},
+                      {"details", {{"name", "open"}, {"additional_info", KLTValue::object()}}},
+                      {"time_bounds", {{"lower", kAlways}, {"upper", kForever}}}};
+  parse(document({campaign(id, KLTValue::array({timerCondition("idle_time", 30000, openTrigger)}))}));
+  host.deliver(kKLTEventCodeApp, "open");
   ASSERT_TRUE(host.clock().waitForSleepers(1, std::chrono::seconds(10)));
   std::atomic<bool> laterTaskRan{false};
   evaluator().ceOpsSerialQueue()->async([&] { laterTaskRan = true; });
@@ -294,10 +301,24 @@ TEST_F(RuntimeScenario, ActivityTimerCompletesWithoutRegistering) {
   const std::string id = uniqueId("activity-time");
   const auto before = host.controller().registrationCount();
   const int64_t t0 = host.controller().currentSDKTimeInMillis();
-  parse(document({campaign(id, KLTValue::array({timerCondition("activity_time", "2500")}), "SURVEY")}));
+  // Sequence mode: an app_start timer completes inside the build, where only the sequence step
+  // (not the combined fold, which has not appended the condition yet) can act on it.
+  KLTValue config = campaign(id, KLTValue::array({timerCondition("activity_time", "2500")}), "SURVEY");
+  config["sequence_enabled"] = true;
+  parse(document({config}));
   ASSERT_EQ(dispatchCount(id), 1u);
   EXPECT_EQ(host.dispatched().front().atMillis, t0 + 2'000) << "whole seconds of the interval";
   EXPECT_EQ(host.controller().registrationCount(), before);
+}
+
+TEST_F(RuntimeScenario, AppStartTimerInCombinedModeCompletesBeforeTheFoldCanSeeIt) {
+  const std::string id = uniqueId("combined-timer");
+  parse(document({campaign(id, KLTValue::array({timerCondition("activity_time", 1000)}))}));
+  const auto item = evaluator().configItemForIdentifier(id);
+  ASSERT_NE(item, nullptr);
+  ASSERT_EQ(item->conditions().size(), 1u);
+  EXPECT_TRUE(item->conditions().front()->satisfied());
+  EXPECT_EQ(dispatchCount(id), 0u);
 }
 
 TEST_F(RuntimeScenario, TimerIntervalsInWholeSeconds) {
@@ -310,7 +331,9 @@ TEST_F(RuntimeScenario, TimerIntervalsInWholeSeconds) {
     SCOPED_TRACE(row.time.dump());
     KLTTestHost rowHost{0};
     const int64_t t0 = rowHost.controller().currentSDKTimeInMillis();
-    parse(document({campaign(uniqueId("interval"), KLTValue::array({timerCondition("activity_time", row.time)}))}));
+    KLTValue config = campaign(uniqueId("interval"), KLTValue::array({timerCondition("activity_time", row.time)}));
+    config["sequence_enabled"] = true;
+    parse(document({config}));
     ASSERT_EQ(rowHost.dispatched().size(), 1u);
     EXPECT_EQ(rowHost.dispatched().front().atMillis - t0, row.expectedMillis);
   }
