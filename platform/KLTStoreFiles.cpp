@@ -72,8 +72,14 @@ bool KLTPosixStoreFiles::truncate(const std::filesystem::path& path, std::uintma
 std::optional<std::filesystem::path> KLTPosixStoreFiles::moveAside(const std::filesystem::path& path,
                                                                    std::string_view suffix) {
   for (int i = 0; i < 1000; ++i) {
-    std::filesystem::path target = path;
-    target += std::string(".") + std::string(suffix) + (i ? "-" + std::to_string(i) : "");
+    std::string name = path.string();
+    name.push_back('.');
+    name.append(suffix);
+    if (i) {
+      name.push_back('-');
+      name.append(std::to_string(i));
+    }
+    const std::filesystem::path target(name);
     struct stat st {};
     if (::stat(target.c_str(), &st) == 0) continue;
     if (::rename(path.c_str(), target.c_str()) == 0) return target;

@@ -30,6 +30,38 @@ Int clampDouble(double d) {
   return static_cast<Int>(std::trunc(d));
 }
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// from_chars reports a decimal number beyond the double range as out of range whether it is too
+// large or too small; the decimal exponent of its first significant digit tells which.
+bool decimalOverflows(std::string_view number) {
+  std::size_t i = 0;
+  if (i < number.size() && (number[i] == '-' || number[i] == '+')) ++i;
+  int64_t integerDigits = 0, fractionZeros = 0;
+  bool significant = false;
+  for (; i < number.size() && isDigit(number[i]); ++i) {
+    significant = significant || number[i] != '0';
+    if (significant) ++integerDigits;
+  }
+  if (i < number.size() && number[i] == '.') {
+    for (++i; i < number.size() && isDigit(number[i]); ++i) {
+      significant = significant || number[i] != '0';
+      if (!significant) ++fractionZeros;
+    }
+  }
+  int64_t exponent = 0;
+  if (i < number.size() && (number[i] == 'e' || number[i] == 'E')) {
+    ++i;
+    bool negative = false;
+    if (i < number.size() && (number[i] == '-' || number[i] == '+')) negative = number[i++] == '-';
+    for (; i < number.size() && isDigit(number[i]); ++i) {
+      if (exponent < 1'000'000'000) exponent = exponent * 10 + (number[i] - '0');
+    }
+    if (negative) exponent = -exponent;
+  }
+  return (integerDigits > 0 ? integerDigits : -fractionZeros) + exponent > 0;
+}
+
 }  // namespace
 
 bool isList(const KLTValue& v) { return v.is_array(); }
@@ -113,12 +145,18 @@ double doubleValue(const KLTValue& v) {
       const std::string& s = v.get_ref<const std::string&>();
       std::size_t i = 0;
       while (i < s.size() && isSpace(s[i])) ++i;
-      if (i < s.size() && s[i] == '+') ++i;
+      if (i < s.size() && s[i] == '+') {
+        ++i;
+        if (i < s.size() && s[i] == '-') return 0.0;  // one sign only
+      }
       double out = 0.0;
       const auto res = std::from_chars(s.data() + i, s.data() + s.size(), out, std::chars_format::general);
       if (res.ec == std::errc::result_out_of_range) {
-        return (i < s.size() && s[i] == '-') ? -std::numeric_limits<double>::infinity()
-                                              : std::numeric_limits<double>::infinity();
+        const bool negative = i < s.size() && s[i] == '-';
+        if (!decimalOverflows(std::string_view(s.data() + i, static_cast<std::size_t>(res.ptr - (s.data() + i))))) {
+          return negative ? -0.0 : 0.0;
+        }
+        return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
       }
       return res.ec == std::errc() ? out : 0.0;
     }
