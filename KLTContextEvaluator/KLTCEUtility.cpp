@@ -1,14 +1,272 @@
-// Placeholder so the library links while the matching rules are written; every check is false.
 #include "KLTContextEvaluator/KLTCEUtility.h"
 
-bool KLTCEUtility::checkBool(bool, bool, const KLTValue&) { return false; }
-bool KLTCEUtility::checkValue(int64_t, int64_t, const KLTValue&) { return false; }
-bool KLTCEUtility::checkString(const KLTValue&, const KLTValue&, const KLTValue&) { return false; }
-bool KLTCEUtility::checkAttrValue(const KLTValue&, int64_t, const KLTValue&) { return false; }
-bool KLTCEUtility::evaluateConditionStatus(bool, bool, const KLTValue&) { return false; }
-bool KLTCEUtility::checkGivenTime(int64_t, int64_t, int64_t) { return false; }
-bool KLTCEUtility::compareGivenAttributes(const KLTValue&, const KLTValue&) { return false; }
-bool KLTCEUtility::doesArray(const KLTValue&, const KLTValue&, const KLTValue&) { return false; }
-bool KLTCEUtility::doesEventAttributes(const KLTValue&, const KLTValue&) { return false; }
-bool KLTCEUtility::doesDictionary(const KLTValue&, const KLTValue&) { return false; }
-bool KLTCEUtility::checkGivenVersion(const std::string&, const KLTValue&) { return false; }
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "platform/KLTBundle.h"
+
+namespace {
+
+// Literal keys of an audience rule and of a typed attribute rule.
+constexpr std::string_view kRuleValue = "value";
+constexpr std::string_view kTypedType = "t";
+constexpr std::string_view kTypedOperator = "op";
+constexpr std::string_view kTypedValue = "val";
+
+enum class Word { EQ, NEQ, GT, GTE, LT, LTE, Other };
+
+// The operator word, tested in the fixed order of the vocabulary; anything that is not one of the
+// six exact texts (a missing operator included) is Other.
+Word operatorWord(const KLTValue& op) {
+  const std::string* s = klt::stringPtr(op);
+  if (s == nullptr) return Word::Other;
+  if (*s == kKLTOpEQ) return Word::EQ;
+  if (*s == kKLTOpNEQ) return Word::NEQ;
+  if (*s == kKLTOpGT) return Word::GT;
+  if (*s == kKLTOpGTE) return Word::GTE;
+  if (*s == kKLTOpLT) return Word::LT;
+  if (*s == kKLTOpLTE) return Word::LTE;
+  return Word::Other;
+}
+
+bool compareIntegers(int64_t a, int64_t b, Word word) {
+  switch (word) {
+    case Word::EQ:
+      return a == b;
+    case Word::NEQ:
+      return a != b;
+    case Word::GT:
+      return a > b;
+    case Word::GTE:
+      return a >= b;
+    case Word::LT:
+      return a < b;
+    case Word::LTE:
+      return a <= b;
+    case Word::Other:
+      break;
+  }
+  return false;
+}
+
+const KLTValue& eqOperator() {
+  static const KLTValue kEQ = kKLTOpEQ;
+  return kEQ;
+}
+
+// Whether the text equals the one-character type letter of a typed rule.
+bool isLetter(const std::string* text, char letter) { return text != nullptr && text->size() == 1 && (*text)[0] == letter; }
+
+// Number identity for trigger data: numbers given by value, so "the same number" means the same
+// kind (boolean, integer whatever its signedness, floating) and an equal value.
+bool sameNumber(const KLTValue& x, const KLTValue& y) {
+  if (x.is_boolean() || y.is_boolean()) return x.is_boolean() && y.is_boolean() && x == y;
+  if (x.is_number_float() || y.is_number_float()) return x.is_number_float() && y.is_number_float() && klt::isEqual(x, y);
+  return x.is_number_integer() && y.is_number_integer() && klt::isEqual(x, y);
+}
+
+// Version components: split at every "." (empty pieces kept); a text without "." is one component.
+std::vector<std::string_view> versionComponents(std::string_view version) {
+  std::vector<std::string_view> pieces;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t dot = version.find('.', start);
+    if (dot == std::string_view::npos) {
+      pieces.push_back(version.substr(start));
+      return pieces;
+    }
+    pieces.push_back(version.substr(start, dot - start));
+    start = dot + 1;
+  }
+}
+
+}  // namespace
+
+bool KLTCEUtility::checkBool(bool a, bool b, const KLTValue& op) {
+  switch (operatorWord(op)) {
+    case Word::EQ:
+      return a == b;
+    case Word::NEQ:
+      return a != b;
+    default:
+      return false;
+  }
+}
+
+bool KLTCEUtility::checkValue(int64_t a, int64_t b, const KLTValue& op) { return compareIntegers(a, b, operatorWord(op)); }
+
+bool KLTCEUtility::checkString(const KLTValue& s, const KLTValue& v, const KLTValue& op) {
+  const Word word = operatorWord(op);
+  if (word != Word::EQ && word != Word::NEQ) return false;
+  bool equal;
+  if (klt::isList(v)) {
+    equal = klt::listContains(v, s);
+  } else if (klt::isString(v)) {
+    equal = klt::isEqual(v, s);
+  } else {
+    // "NEQ" too is false here: an absent or non-text value is not "different", it is unusable.
+    return false;
+  }
+  return word == Word::EQ ? equal : !equal;
+}
+
+bool KLTCEUtility::checkAttrValue(const KLTValue& v, int64_t g, const KLTValue& op) {
+  const Word word = operatorWord(op);
+  if (klt::isList(v)) {
+    if (word != Word::EQ && word != Word::NEQ) return false;
+    const bool contained = klt::listContains(v, KLTValue(g));
+    return word == Word::EQ ? contained : !contained;
+  }
+  if (klt::isNumber(v)) return compareIntegers(klt::integerValue(v), g, word);
+  return false;
+}
+
+bool KLTCEUtility::evaluateConditionStatus(bool x, bool y, const KLTValue& op) {
+  const std::string* s = klt::stringPtr(op);
+  if (s == nullptr) return false;
+  if (*s == kKLTAnd) return x && y;
+  if (*s == kKLTOr) return x || y;
+  return false;
+}
+
+bool KLTCEUtility::checkGivenTime(int64_t t, int64_t lower, int64_t upper) { return lower <= t && t <= upper; }
+
+bool KLTCEUtility::compareGivenAttributes(const KLTValue& rule, const KLTValue& existing) {
+  const std::string* name = klt::stringPtr(klt::valueForKey(rule, kKLTName));
+  if (name == nullptr || !klt::isDictionary(existing)) return true;
+  const auto found = existing.find(*name);
+  if (found == existing.end()) return true;  // an attribute the host does not know constrains nothing
+
+  const KLTValue& x = *found;
+  const KLTValue& value = klt::valueForKey(rule, kRuleValue);
+  const KLTValue& op = klt::valueForKey(rule, kKLTOperator);
+  if (klt::isList(x)) return doesArray(x, value, op);
+  if (klt::isString(x) || klt::isNumber(x)) {
+    const Word word = operatorWord(op);
+    if (word != Word::EQ && word != Word::NEQ) return true;  // an unknown word leaves the rule holding
+    if (!value.is_null() && !klt::isList(value)) return false;  // membership of a non-list is undefined
+    const bool contained = klt::listContains(value, x);
+    return word == Word::EQ ? contained : !contained;
+  }
+  return true;
+}
+
+bool KLTCEUtility::doesArray(const KLTValue& a, const KLTValue& b, const KLTValue& op) {
+  const Word word = operatorWord(op);
+  if (word != Word::EQ && word != Word::NEQ) return true;  // unlike the scalar checks, on purpose
+  if (b.is_null()) return true;                             // nothing asked for
+  if (!klt::isList(b)) return false;                        // only a list can be gone through
+  for (const KLTValue& element : b) {
+    if (klt::listContains(a, element) != (word == Word::EQ)) return false;
+  }
+  return true;
+}
+
+bool KLTCEUtility::doesEventAttributes(const KLTValue& eventAttributes, const KLTValue& data) {
+  if (!klt::isDictionary(data)) return true;
+  for (auto it = data.begin(); it != data.end(); ++it) {
+    const KLTValue& x = it.value();
+    const KLTValue& y = klt::valueForKey(eventAttributes, it.key());
+    bool passes = true;
+    if (klt::isDictionary(x)) {
+      const std::string* type = klt::stringPtr(klt::valueForKey(x, kTypedType));
+      const KLTValue& op = klt::valueForKey(x, kTypedOperator);
+      if (isLetter(type, 's')) {
+        passes = checkString(klt::valueForKey(x, kTypedValue), y, op);
+      } else if (isLetter(type, 'b')) {
+        passes = checkBool(klt::boolValue(klt::valueForKey(x, kTypedValue)), klt::boolValue(y), op);
+      } else if (isLetter(type, 'l') || isLetter(type, 'n')) {
+        const KLTValue& val = klt::valueForKey(x, kTypedValue);
+        passes = klt::isNumber(val) && checkAttrValue(y, klt::integerValue(val), op);
+      }
+      // Any other type letter, or none, leaves the key out of the match.
+    } else if (klt::isString(x)) {
+      passes = checkString(x, y, eqOperator());
+    } else if (klt::isNumber(x)) {
+      // The data number is read as a floating number first, so 3.7 asks for 3 and a huge integer
+      // saturates rather than wrapping.
+      const int64_t g = klt::integerValue(KLTValue(klt::doubleValue(x)));
+      passes = checkAttrValue(y, g, eqOperator());
+    }
+    if (!passes) return false;
+  }
+  return true;
+}
+
+bool KLTCEUtility::doesDictionary(const KLTValue& a, const KLTValue& b) {
+  // A nested dictionary decides the whole result, so descending into it is a tail call: a loop
+  // keeps the stack flat however deep the documents nest.
+  const KLTValue* event = &a;
+  const KLTValue* data = &b;
+  for (;;) {
+    if (!klt::isDictionary(*data)) return true;
+    const KLTValue* nextEvent = nullptr;
+    const KLTValue* nextData = nullptr;
+    for (auto it = data->begin(); it != data->end(); ++it) {
+      const KLTValue& x = it.value();
+      if (!klt::isDictionary(*event)) return false;
+      const auto found = event->find(it.key());
+      if (found == event->end()) return false;
+      const KLTValue& y = *found;
+      if (klt::isDictionary(y) && klt::isDictionary(x)) {
+        nextEvent = &y;
+        nextData = &x;
+        break;
+      }
+      if (klt::isList(y) && klt::isList(x)) return doesArray(y, x, eqOperator());
+      if (klt::isString(y)) {
+        if (!klt::isString(x) || x.get_ref<const std::string&>() != y.get_ref<const std::string&>()) return false;
+      } else if (klt::isNumber(y)) {
+        if (!sameNumber(x, y)) return false;
+      }
+      // A present null, or a dictionary or list against another kind, is passed over.
+    }
+    if (nextData == nullptr) return true;
+    event = nextEvent;
+    data = nextData;
+  }
+}
+
+bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& op) {
+  const std::optional<std::string> app = KLTBundle::shortVersionString();
+  if (!app) return false;
+  const Word word = operatorWord(op);
+  if (word == Word::Other) return false;
+
+  const std::vector<std::string_view> g = versionComponents(given);
+  const std::vector<std::string_view> a = versionComponents(*app);
+  if (word == Word::EQ || word == Word::NEQ) {
+    const bool equal = g == a;  // component texts, exactly: 1.0 is not 1.00
+    return word == Word::EQ ? equal : !equal;
+  }
+
+  // The orderings compare component integers over the given version's length only. "GT" and "LT"
+  // keep scanning past a component that went against them; a scan that runs past the application's
+  // last component has no defined outcome and yields false.
+  for (std::size_t i = 0; i < g.size(); ++i) {
+    if (i >= a.size()) return false;
+    const int32_t av = klt::parseInt32(a[i]);
+    const int32_t gv = klt::parseInt32(g[i]);
+    switch (word) {
+      case Word::GT:
+        if (av > gv) return true;
+        break;
+      case Word::GTE:
+        if (av > gv) return true;
+        if (av < gv) return false;
+        break;
+      case Word::LT:
+        if (av < gv) return true;
+        break;
+      case Word::LTE:
+        if (av < gv) return true;
+        if (av > gv) return false;
+        break;
+      default:
+        return false;
+    }
+  }
+  return word == Word::GTE || word == Word::LTE;
+}

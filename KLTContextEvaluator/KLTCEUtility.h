@@ -34,14 +34,22 @@ class KLTCEUtility {
   static bool checkGivenTime(int64_t t, int64_t lower, int64_t upper);
 
   // --- Attribute sets ---
-  // One audience rule {"name","value","operator"} against the host's attribute dictionary.
+  // One audience rule {"name","value","operator"} against the host's attribute dictionary. Holds
+  // when the host lacks the name, when the host value is a dictionary or null, and for a host text
+  // or number under any word but "EQ"/"NEQ"; a list host value goes to doesArray(). A "value" that
+  // is neither a list nor missing fails "EQ" and "NEQ".
   static bool compareGivenAttributes(const KLTValue& rule, const KLTValue& existing);
-  // "EQ": every element of b is in a; "NEQ": none is; any other word true.
+  // "EQ": every element of b is in a; "NEQ": none is; any other word true. A missing b asks for
+  // nothing (true); any other non-list b fails "EQ" and "NEQ". A non-list a contains nothing.
   static bool doesArray(const KLTValue& a, const KLTValue& b, const KLTValue& op);
-  // An event's attributes against a condition's attribute data (plain values and typed rules).
+  // An event's attributes against a condition's attribute data (plain values and typed rules
+  // {"t","op","val"}): every key of the data must pass; data that is not a dictionary asks for
+  // nothing. A typed "l"/"n" rule whose "val" is not a number fails its key.
   static bool doesEventAttributes(const KLTValue& eventAttributes, const KLTValue& data);
   // An event's attributes (a) against a trigger's attribute data (b), keys of b in document order;
-  // the first nested dictionary or list decides the whole result.
+  // the first nested dictionary or list decides the whole result. A key absent from a fails; a key
+  // present with null is passed over. Numbers match when of the same kind (boolean, integer,
+  // floating) and equal. Iterative: any nesting depth is safe.
   static bool doesDictionary(const KLTValue& a, const KLTValue& b);
 
   // --- Versions ---
