@@ -1,8 +1,179 @@
-// Placeholder so the library links while the delivery limits are written.
 #include "KLTContextEvaluator/KLTCEFrequency.h"
 
-KLTCEFrequency::KLTCEFrequency(const KLTValue&, const std::string&) {}
-bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string&) const { return false; }
-void KLTCEFrequency::updateFrequencyForIdentifier(const std::string&) {}
-KLTCETimeLimits::KLTCETimeLimits(const KLTValue&, const KLTValue&) {}
-bool KLTCETimeLimits::currentTimeBetweenLimits() const { return false; }
+#include <chrono>
+#include <cmath>
+#include <limits>
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "platform/KLTClock.h"
+#include "platform/KLTLog.h"
+#include "platform/KLTUserDefaults.h"
+
+namespace {
+
+constexpr const char* kInitMethod = "-[KLTCEFrequency initWithData:withIdentifier:]";
+constexpr const char* kUpdateMethod = "-[KLTCEFrequency updateFrequencyForIdentifier:]";
+constexpr const char* kTimeLimitsMethod = "-[KLTCETimeLimits currentTimeBetweenLimits]";
+
+// The largest 32-bit signed integer stands for "no limit" in the stored records.
+constexpr int32_t kNoLimit = std::numeric_limits<int32_t>::max();
+constexpr int64_t kDayPeriodHours = 24;
+
+bool isSessionMode(const KLTValue& validity) {
+  const std::string* s = klt::stringPtr(validity);
+  return s != nullptr && *s == "SESSION";
+}
+
+// A configured limit: below 1 (absent and non-numeric values read 0) means no limit.
+int32_t limitValue(const KLTValue& v) {
+  const int32_t limit = klt::int32Value(v);
+  return limit < 1 ? kNoLimit : limit;
+}
+
+// Whole hours since the record's `day`, truncated toward zero. A record without a readable `day`
+// has no current period, so it counts as older than any period.
+bool dayPeriodIsOver(const KLTValue& record, KLTTimePoint now) {
+  const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay));
+  if (!day) return true;
+  const double hours = std::chrono::duration<double>(now - *day).count() / 3600.0;
+  // Compared as a double truncated toward zero, which is what a 64-bit truncation would give for
+  // any elapsed time a clock can produce, without its undefined behaviour on overflow.
+  return std::trunc(hours) > static_cast<double>(kDayPeriodHours);
+}
+
+// An int32 counter plus one, kept in 64 bits so that a counter at the 32-bit maximum cannot wrap.
+int64_t incremented32(const KLTValue& v) { return static_cast<int64_t>(klt::int32Value(v)) + 1; }
+
+// Sets key to value, or removes key when value is null (absent in the document).
+void setOrRemove(KLTValue& record, const char* key, const KLTValue& value) {
+  if (value.is_null()) {
+    record.erase(key);
+  } else {
+    record[key] = value;
+  }
+}
+
+}  // namespace
+
+KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifier) : _frequencyConfig(KLTValue::object()) {
+  KLTValue stored = KLTUserDefaults::standardUserDefaults()->objectForKey(kKLTFrequencyStoreKey);
+  if (klt::isDictionary(stored)) {
+    _frequencyConfig = std::move(stored);
+  } else if (!stored.is_null()) {
+    KLT_LOG_ERROR(kInitMethod, "Stored frequency counters are not a dictionary; starting from an empty map");
+  }
+
+  KLTValue record = recordForIdentifier(identifier, kInitMethod);
+
+  const KLTValue& validity = klt::valueForKey(data, kKLTValidity);
+  setOrRemove(record, kKLTValidity, validity);
+  record[kKLTLimit] = limitValue(klt::valueForKey(data, kKLTCount));
+  setOrRemove(record, kKLTTimeInterval, klt::valueForKey(data, kKLTTimeInterval));
+
+  if (isSessionMode(validity)) {
+    // A session cap counts from zero at every parse of the configuration.
+    record[kKLTCount] = 0;
+  } else {
+    record[kKLTSessionLimit] = limitValue(klt::valueForKey(data, kKLTSessionLimit));
+    record[kKLTDayLimit] = limitValue(klt::valueForKey(data, kKLTDayLimit));
+    if (dayPeriodIsOver(record, KLTClock::current()->now())) {
+      record[kKLTDay] = klt::makeDate(KLTClock::current()->now());
+      record[kKLTDayCount] = 0;
+    }
+  }
+
+  _frequencyConfig[identifier] = std::move(record);
+  save(kInitMethod);
+}
+
+bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& identifier) const {
+  const KLTValue& record = klt::valueForKey(_frequencyConfig, identifier);
+  const int32_t count = klt::int32Value(klt::valueForKey(record, kKLTCount));
+  const int32_t limit = klt::int32Value(klt::valueForKey(record, kKLTLimit));
+  if (isSessionMode(klt::valueForKey(record, kKLTValidity))) return count < limit;
+  if (count >= limit) return false;
+  // Only one secondary limit applies: a set day limit hides the session limit. The age of `day`
+  // is deliberately not looked at here; only a construction or an update opens a new period.
+  const int32_t dayLimit = klt::int32Value(klt::valueForKey(record, kKLTDayLimit));
+  if (dayLimit != kNoLimit) return klt::int32Value(klt::valueForKey(record, kKLTDayCount)) < dayLimit;
+  return klt::int32Value(klt::valueForKey(record, kKLTSessionCount)) <
+         klt::int32Value(klt::valueForKey(record, kKLTSessionLimit));
+}
+
+void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier) {
+  KLTValue record = recordForIdentifier(identifier, kUpdateMethod);
+
+  if (!isSessionMode(klt::valueForKey(record, kKLTValidity))) {
+    // A record without `day_lmt` reads 0 here, which is not "no limit": the day branch is taken.
+    if (klt::int32Value(klt::valueForKey(record, kKLTDayLimit)) != kNoLimit) {
+      const KLTTimePoint now = KLTClock::current()->now();
+      if (!dayPeriodIsOver(record, now)) {
+        record[kKLTDayCount] = incremented32(klt::valueForKey(record, kKLTDayCount));
+      } else {
+        // The showing that opens a period counts in it.
+        record[kKLTDay] = klt::makeDate(now);
+        record[kKLTDayCount] = 1;
+      }
+    } else {
+      record[kKLTSessionCount] = incremented32(klt::valueForKey(record, kKLTSessionCount));
+    }
+  }
+  const int64_t count = klt::integerValue(klt::valueForKey(record, kKLTCount));
+  record[kKLTCount] = count == std::numeric_limits<int64_t>::max() ? count : count + 1;
+
+  _frequencyConfig[identifier] = std::move(record);
+  if (save(kUpdateMethod)) KLT_LOG_DEBUG(kUpdateMethod, "Updated count for identifier: " + identifier);
+}
+
+KLTValue KLTCEFrequency::recordForIdentifier(const std::string& identifier, const char* method) const {
+  const KLTValue& stored = klt::valueForKey(_frequencyConfig, identifier);
+  if (klt::isDictionary(stored)) return stored;
+  if (!stored.is_null()) {
+    KLT_LOG_ERROR(method, "Stored frequency record for identifier " + identifier + " is not a dictionary; starting it afresh");
+  }
+  return KLTValue::object();
+}
+
+bool KLTCEFrequency::save(const char* method) const {
+  // The whole map is written back, other configs' records included: the last object to save wins.
+  const auto store = KLTUserDefaults::standardUserDefaults();
+  store->setObject(_frequencyConfig, kKLTFrequencyStoreKey);
+  if (store->synchronize()) return true;
+  KLT_LOG_ERROR(method, "Couldn't save enable SDK state");
+  return false;
+}
+
+KLTCETimeLimits::KLTCETimeLimits(const KLTValue& startTime, const KLTValue& endTime) {
+  parseTime(startTime, _startTimeHour, _startTimeMin);
+  parseTime(endTime, _endTimeHour, _endTimeMin);
+}
+
+void KLTCETimeLimits::parseTime(const KLTValue& text, int64_t& hour, int64_t& minute) {
+  const std::string* s = klt::stringPtr(text);
+  if (s == nullptr) return;
+  const std::size_t colon = s->find(':');
+  if (colon == std::string::npos) return;
+  // Pieces beyond the second are ignored, so the minute piece ends at the next colon.
+  const std::size_t next = s->find(':', colon + 1);
+  const std::string_view all(*s);
+  hour = klt::parseInteger(all.substr(0, colon));
+  minute = klt::parseInteger(all.substr(colon + 1, next == std::string::npos ? std::string_view::npos : next - colon - 1));
+}
+
+bool KLTCETimeLimits::currentTimeBetweenLimits() const {
+  const KLTLocalTime local = KLTClock::current()->localTime();
+  const int64_t h = local.hour;
+  const int64_t m = local.minute;
+  // The window is start <= now < end on (hour, minute) pairs, with no wrap over midnight: a window
+  // whose end lies before its start contains no time at all.
+  bool inside;
+  if (_startTimeHour > h || (_startTimeHour == h && _startTimeMin > m)) {
+    inside = false;
+  } else if (_endTimeHour != h) {
+    inside = _endTimeHour > h;
+  } else {
+    inside = _endTimeMin > m;
+  }
+  if (!inside) KLT_LOG_DEBUG(kTimeLimitsMethod, "Doesn't fall in between given time limits");
+  return inside;
+}

@@ -1,9 +1,16 @@
 // KLTCEFrequency: the frequency cap of one campaign, with the persisted counter map.
 // KLTCETimeLimits: the daily time window of one campaign.
 //
-// Thread-safety: both are used only on the evaluator's serial queue (no locks of their own).
-// Each KLTCEFrequency keeps its own copy of the whole persisted map, read at construction and
-// written back whole after each change: the last object to save wins.
+// The counters of every campaign live in one map under kKLTFrequencyStoreKey
+// ("klt_frequency_config") in KLTUserDefaults::standardUserDefaults(): config identifier -> record
+// dictionary (validity, limit, time_interval, count, ses_lmt, day_lmt, day, day_count,
+// session_count). A record is never rebuilt from scratch: construction and update overwrite only
+// the keys they own, so keys written under an earlier mode stay in it, unread.
+//
+// Thread-safety: both classes are used only on the evaluator's serial queue (no locks of their
+// own). Each KLTCEFrequency keeps its own copy of the whole persisted map, read at construction and
+// written back whole after each change: the last object to save wins, overwriting counters that
+// another object saved since this one was built.
 #pragma once
 
 #include <cstdint>
@@ -15,27 +22,46 @@ class KLTCEFrequency {
  public:
   // Loads the map under "klt_frequency_config" from the standard user defaults, refreshes the
   // record of identifier from data (the document's `frequency` object, any value) and saves the
-  // whole map. A failed save logs "Couldn't save enable SDK state" at ERROR level.
+  // whole map. Limits below 1, absent or non-numeric are stored as 2147483647 (no limit). Validity
+  // "SESSION" (exact) resets `count` to 0; any other validity is lifetime mode, where a new day
+  // period (`day` := now, `day_count` := 0) begins when more than 24 whole hours have passed since
+  // `day` or there is no `day`. A stored map or record that is not a dictionary is replaced by an
+  // empty one, with an ERROR line. A failed save logs "Couldn't save enable SDK state" (ERROR) and
+  // the object keeps working on its in-memory copy.
   KLTCEFrequency(const KLTValue& data, const std::string& identifier);
 
-  // Whether the campaign may be shown once more; reads the in-memory copy only.
+  // Whether the campaign may be shown once more; reads the in-memory copy only and changes
+  // nothing (in particular it never opens a new day period). False for an unknown identifier.
   bool checkValidityAndCountForIdentifier(const std::string& identifier) const;
-  // Counts one showing and saves the whole map.
+  // Counts one showing (`count`, and in lifetime mode `day_count` when a day limit is set, else
+  // `session_count`) and saves the whole map. Logs "Updated count for identifier: <id>" (DEBUG)
+  // on success, "Couldn't save enable SDK state" (ERROR) on failure.
   void updateFrequencyForIdentifier(const std::string& identifier);
 
   // This object's copy of the whole map.
   const KLTValue& frequencyConfig() const { return _frequencyConfig; }
 
  private:
-  KLTValue _frequencyConfig;
+  // A copy of the stored record of identifier; empty (with an ERROR line naming method) when the
+  // stored value is not a dictionary.
+  KLTValue recordForIdentifier(const std::string& identifier, const char* method) const;
+  // Writes the whole map to the standard store and synchronizes; logs the failure under method.
+  bool save(const char* method) const;
+
+  KLTValue _frequencyConfig;  // dictionary: identifier -> record
 };
 
 class KLTCETimeLimits {
  public:
-  // Start and end texts "HH:MM"; any value is accepted (a non-text or one without ":" gives 00:00).
+  // Start and end texts "HH:MM"; any value is accepted. Each text is split on ":"; with two or more
+  // pieces the first two are read with the C integer rule (leading white space, sign, digits up to
+  // the first other character; none gives 0), so "9:5" is 09:05 and "7am:x" 07:00. A non-text or a
+  // text without ":" gives 00:00. No range is enforced (25:75 is kept as it stands).
   KLTCETimeLimits(const KLTValue& startTime, const KLTValue& endTime);
 
-  // Whether the present local time (KLTClock::current()) lies in [start, end).
+  // Whether the present local time of KLTClock::current() lies in [start, end), comparing
+  // (hour, minute) pairs; seconds are ignored and the window never wraps over midnight. Each
+  // "outside" answer logs "Doesn't fall in between given time limits" (DEBUG).
   bool currentTimeBetweenLimits() const;
 
   int64_t startTimeHour() const { return _startTimeHour; }
@@ -44,6 +70,8 @@ class KLTCETimeLimits {
   int64_t endTimeMin() const { return _endTimeMin; }
 
  private:
+  static void parseTime(const KLTValue& text, int64_t& hour, int64_t& minute);
+
   int64_t _startTimeHour = 0;
   int64_t _startTimeMin = 0;
   int64_t _endTimeHour = 0;

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <exception>
 #include <system_error>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/KLTLog.h"
 
@@ -13,7 +15,9 @@ namespace {
 constexpr std::string_view kSnapshotMagic = "KLTSNAP1";
 constexpr std::string_view kJournalMagic = "KLTJRNL1";
 constexpr std::size_t kHeaderSize = 16;  // magic + 64-bit generation
-constexpr std::uintmax_t kMinCompactionThreshold = 256 * 1024;
+// The journal is compacted once it outgrows twice the snapshot, and never below this floor, so that
+// compaction stays rare for small maps while opening the store replays at most a few snapshots' worth.
+constexpr std::uintmax_t kMinCompactionThreshold = 64 * 1024;
 constexpr const char* kMethod = "-[KLTUserDefaults load]";
 
 // Journal operations, the first element of each operation array.
@@ -68,10 +72,17 @@ std::string encode(const KLTValue& v) {
 }
 
 // Decodes CBOR; binary subtypes (dates) survive through the stored tags. Null on malformed input.
+// The parser still throws on some inputs (a length beyond what a container can hold) even when told
+// not to, and a damaged file must never take the process down.
 KLTValue decode(std::string_view payload, bool& ok) {
-  KLTValue v = KLTValue::from_cbor(payload.begin(), payload.end(), true, false, KLTValue::cbor_tag_handler_t::store);
-  ok = !v.is_discarded();
-  return v;
+  try {
+    KLTValue v = KLTValue::from_cbor(payload.begin(), payload.end(), true, false, KLTValue::cbor_tag_handler_t::store);
+    ok = !v.is_discarded();
+    return v;
+  } catch (const std::exception&) {
+    ok = false;
+    return KLTValue();
+  }
 }
 
 void applyOp(KLTValue& map, const KLTValue& op) {
@@ -100,6 +111,81 @@ void applyOp(KLTValue& map, const KLTValue& op) {
     default:
       break;
   }
+}
+
+// Appends to ops what turns dictionary `old` into dictionary `cur`: whole values at the top level
+// (outerKey null), except that a dictionary held under the same key on both sides is diffed one level
+// down, entry by entry (outerKey names it), so that changing one record of a large map writes one
+// record. Returns false when replaying the operations would not reproduce cur's key order (a key
+// removed and added again, or keys reordered): the caller then writes a whole snapshot instead.
+//
+// Both sides nearly always list their common keys in the same order, so they are walked side by
+// side; only when they part does it index the keys, since ordered dictionaries look keys up linearly.
+bool diffDictionary(const KLTValue& old, const KLTValue& cur, const std::string* outerKey, KLTValue& ops) {
+  const auto put = [&](const std::string& key, const KLTValue& value) {
+    if (outerKey) {
+      ops.push_back(KLTValue::array({kPutEntry, *outerKey, key, value}));
+    } else {
+      ops.push_back(KLTValue::array({kPut, key, value}));
+    }
+  };
+  const auto changed = [&](const std::string& key, const KLTValue& before, const KLTValue& after) {
+    // Two dictionaries are compared entry by entry below, not first as a whole: that would walk a
+    // large map twice.
+    if (!outerKey && before.is_object() && after.is_object()) {
+      const std::size_t mark = ops.size();
+      if (diffDictionary(before, after, &key, ops)) return;
+      // Entries reordered: writing the whole value keeps its order.
+      ops.erase(ops.begin() + static_cast<std::ptrdiff_t>(mark), ops.end());
+    } else if (before == after) {
+      return;
+    }
+    put(key, after);
+  };
+
+  auto o = old.begin();
+  auto c = cur.begin();
+  for (; o != old.end() && c != cur.end() && o.key() == c.key(); ++o, ++c) {
+    changed(c.key(), o.value(), c.value());
+  }
+  if (o == old.end()) {
+    // Only additions remain; replay appends them in this same order.
+    for (; c != cur.end(); ++c) put(c.key(), c.value());
+    return true;
+  }
+
+  // Key -> (position, value) of the old keys not yet matched.
+  std::unordered_map<std::string_view, std::pair<std::size_t, const KLTValue*>> oldIndex;
+  std::size_t position = 0;
+  for (auto it = o; it != old.end(); ++it) oldIndex.emplace(it.key(), std::make_pair(position++, &it.value()));
+  std::unordered_set<std::string_view> curKeys;
+  bool added = false;
+  std::size_t lastCommon = 0;
+  bool anyCommon = false;
+  bool inOrder = true;
+  for (; c != cur.end(); ++c) {
+    curKeys.insert(c.key());
+    const auto found = oldIndex.find(c.key());
+    if (found == oldIndex.end()) {
+      added = true;
+      put(c.key(), c.value());
+      continue;
+    }
+    // Replay keeps common keys where they were and appends new ones: cur must list them that way.
+    if (added || (anyCommon && found->second.first < lastCommon)) inOrder = false;
+    lastCommon = found->second.first;
+    anyCommon = true;
+    changed(c.key(), *found->second.second, c.value());
+  }
+  for (; o != old.end(); ++o) {
+    if (curKeys.count(o.key()) != 0) continue;
+    if (outerKey) {
+      ops.push_back(KLTValue::array({kRemoveEntry, *outerKey, o.key()}));
+    } else {
+      ops.push_back(KLTValue::array({kRemove, o.key()}));
+    }
+  }
+  return inOrder;
 }
 
 std::mutex& standardMutex() {
@@ -245,25 +331,7 @@ bool KLTUserDefaults::synchronize() {
 
 bool KLTUserDefaults::appendChanges() {
   KLTValue ops = KLTValue::array();
-  for (auto it = current_.begin(); it != current_.end(); ++it) {
-    auto old = persisted_.find(it.key());
-    if (old == persisted_.end()) {
-      ops.push_back(KLTValue::array({kPut, it.key(), it.value()}));
-    } else if (old->is_object() && it.value().is_object()) {
-      for (auto e = it.value().begin(); e != it.value().end(); ++e) {
-        auto oe = old->find(e.key());
-        if (oe == old->end() || *oe != e.value()) ops.push_back(KLTValue::array({kPutEntry, it.key(), e.key(), e.value()}));
-      }
-      for (auto oe = old->begin(); oe != old->end(); ++oe) {
-        if (!it.value().contains(oe.key())) ops.push_back(KLTValue::array({kRemoveEntry, it.key(), oe.key()}));
-      }
-    } else if (*old != it.value()) {
-      ops.push_back(KLTValue::array({kPut, it.key(), it.value()}));
-    }
-  }
-  for (auto old = persisted_.begin(); old != persisted_.end(); ++old) {
-    if (!current_.contains(old.key())) ops.push_back(KLTValue::array({kRemove, old.key()}));
-  }
+  if (!diffDictionary(persisted_, current_, nullptr, ops)) return compact();
   if (ops.empty()) return true;
   const std::string record = frame(encode(ops));
   if (!files_->append(journalPath(), record)) {
@@ -272,7 +340,9 @@ bool KLTUserDefaults::appendChanges() {
     return false;
   }
   journalSize_ += record.size();
-  persisted_ = current_;
+  // Replaying the operations gives current_ (diffDictionary vouched for the key order), at the cost
+  // of the change rather than of a copy of the whole map.
+  for (const auto& op : ops) applyOp(persisted_, op);
   return true;
 }
 

@@ -6,8 +6,10 @@
 // map, never a mix of two. The store is a snapshot file plus a journal beside it ("<path>.journal"):
 // synchronize() appends one checksummed record holding what changed since the last one (for a
 // dictionary value, only its changed entries), so that its cost follows the size of the change,
-// not of the map. When the journal outgrows the snapshot, the map is compacted into a new snapshot
-// written to a temporary file and renamed over the old one. A record cut off by a crash fails its
+// not of the map. When the journal grows past twice the snapshot (and past 64 KB), or when a change
+// cannot be replayed in the same key order (a key removed and set again), the map is compacted into
+// a new snapshot written to a temporary file and renamed over the old one. Reopening gives the map
+// with its keys in the order it was synchronized. A record cut off by a crash fails its
 // checksum and is dropped on the next load, with everything after it.
 //
 // A snapshot that cannot be read (wrong format, bad checksum, I/O error) is moved aside with an

@@ -1,0 +1,112 @@
+// Cost of building the frequency caps of a large configuration against a persisted store.
+//
+// BM_Construct1000Caps: 1,000 constructions of KLTCEFrequency (a parse of 1,000 campaigns) against a
+// store file already holding 1,000 counter records; each construction copies the whole map, refreshes
+// one record and saves. The per_construction counter is the time of one construction.
+// BM_SynchronizeOneRecordChange: the baseline, one plain store save after a one-record change of
+// the same 1,000-record map (setObject of the whole map, then synchronize).
+// BM_AtomicRewriteOfTheMap: for comparison, writing the whole encoded map to a temporary file and
+// renaming it over the old one, the store design without a journal.
+// BM_OpenStore: opening the store file (snapshot read plus journal replay), as at app start.
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEFrequency.h"
+#include "platform/KLTStoreFiles.h"
+#include "platform/KLTUserDefaults.h"
+#include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTTestHost.h"
+
+namespace {
+
+constexpr int kRecords = 1000;
+
+std::string idOf(int i) { return "5f3c2a91e4b0c7d8a1b2c3" + std::to_string(1000 + i); }
+
+KLTValue frequencyDoc(int i) {
+  return KLTValue{{"validity", i % 4 == 0 ? "SESSION" : "OVERALL"}, {"count", 5}, {"ses_lmt", 3}, {"day_lmt", i % 2}};
+}
+
+// A temporary store file holding 1,000 records, installed as the standard store, with a virtual
+// clock and a quiet log, for the lifetime of the fixture.
+class PersistedStore {
+ public:
+  PersistedStore() : capture_(2), clock_(std::make_shared<KLTVirtualClock>()), previousClock_(KLTClock::setCurrent(clock_)) {
+    path_ = dir_.path() / "store.kltstore";
+    reopen();
+    for (int i = 0; i < kRecords; ++i) {
+      KLTCEFrequency f(frequencyDoc(i), idOf(i));
+      f.updateFrequencyForIdentifier(idOf(i));
+    }
+    reopen();  // read back from the file, as at app start
+  }
+  ~PersistedStore() {
+    KLTUserDefaults::setStandardUserDefaults(nullptr);
+    KLTClock::setCurrent(previousClock_);
+  }
+  void reopen() {
+    store_ = std::make_shared<KLTUserDefaults>(path_);
+    KLTUserDefaults::setStandardUserDefaults(store_);
+  }
+  const std::filesystem::path& path() const { return path_; }
+  KLTUserDefaults& store() { return *store_; }
+
+ private:
+  KLTTempDir dir_;
+  KLTScopedLogCapture capture_;
+  std::shared_ptr<KLTVirtualClock> clock_;
+  std::shared_ptr<KLTClock> previousClock_;
+  std::filesystem::path path_;
+  std::shared_ptr<KLTUserDefaults> store_;
+};
+
+void BM_Construct1000Caps(benchmark::State& state) {
+  PersistedStore fixture;
+  for (auto _ : state) {
+    for (int i = 0; i < kRecords; ++i) {
+      KLTCEFrequency f(frequencyDoc(i), idOf(i));
+      benchmark::DoNotOptimize(f.frequencyConfig());
+    }
+  }
+  state.counters["per_construction"] =
+      benchmark::Counter(kRecords, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["store_bytes"] = static_cast<double>(std::filesystem::file_size(fixture.path()));
+}
+BENCHMARK(BM_Construct1000Caps)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_SynchronizeOneRecordChange(benchmark::State& state) {
+  PersistedStore fixture;
+  KLTValue map = fixture.store().objectForKey(kKLTFrequencyStoreKey);
+  int64_t n = 0;
+  for (auto _ : state) {
+    map[idOf(static_cast<int>(n % kRecords))][kKLTCount] = n;
+    ++n;
+    fixture.store().setObject(map, kKLTFrequencyStoreKey);
+    benchmark::DoNotOptimize(fixture.store().synchronize());
+  }
+}
+BENCHMARK(BM_SynchronizeOneRecordChange)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_AtomicRewriteOfTheMap(benchmark::State& state) {
+  PersistedStore fixture;
+  const auto bytes = KLTValue::to_cbor(fixture.store().objectForKey(kKLTFrequencyStoreKey));
+  const std::string encoded(bytes.begin(), bytes.end());
+  KLTPosixStoreFiles files;
+  const auto target = fixture.path().parent_path() / "rewrite.bin";
+  for (auto _ : state) benchmark::DoNotOptimize(files.replace(target, encoded));
+  state.counters["map_bytes"] = static_cast<double>(encoded.size());
+}
+BENCHMARK(BM_AtomicRewriteOfTheMap)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_OpenStore(benchmark::State& state) {
+  PersistedStore fixture;
+  for (auto _ : state) {
+    KLTUserDefaults store(fixture.path());
+    benchmark::DoNotOptimize(store.objectForKey(kKLTFrequencyStoreKey));
+  }
+}
+BENCHMARK(BM_OpenStore)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+}  // namespace

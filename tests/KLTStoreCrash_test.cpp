@@ -1,0 +1,114 @@
+// A writer process killed at random moments: a child counts showings through KLTCEFrequency in a
+// loop, reporting each count whose save returned to it; the parent kills it with SIGKILL, reopens
+// the store and checks that it opens cleanly and holds the last reported count, or one more (a
+// save that reached the file just before the kill, unreported). Each save also rewrites a padding
+// value of varying size tied to the count, so that a mix of two saves would show, and so that the
+// journal is compacted every few saves and kills land in compactions as well as in appends.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <random>
+#include <string>
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEFrequency.h"
+#include "platform/KLTUserDefaults.h"
+#include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTTestHost.h"
+
+namespace {
+
+constexpr char kId[] = "crash";
+constexpr int kKills = 250;
+
+std::string paddingFor(int64_t count) { return std::to_string(count) + std::string(static_cast<std::size_t>(count % 7) * 3000, 'x'); }
+
+int64_t countIn(const KLTValue& map) {
+  return klt::integerValue(klt::valueForKey(klt::valueForKey(map, kId), kKLTCount));
+}
+
+bool readWhole(int fd, void* buf, std::size_t n) {
+  auto* p = static_cast<char*>(buf);
+  while (n > 0) {
+    const ssize_t r = ::read(fd, p, n);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<std::size_t>(r);
+  }
+  return true;
+}
+
+// The child: never returns into the test framework.
+[[noreturn]] void runWriter(const std::filesystem::path& path, int fd) {
+  auto log = std::make_shared<KLTCapturedLog>();
+  KLTLog::setSink(log);
+  LOG_LEVEL = 2;
+  auto store = std::make_shared<KLTUserDefaults>(path);
+  KLTUserDefaults::setStandardUserDefaults(store);
+  KLTCEFrequency frequency(KLTValue::object(), kId);  // lifetime mode, no limits
+  if (log->contains("ERROR")) ::_exit(2);
+  for (int i = 0; i < 1'000'000; ++i) {
+    store->setObject(paddingFor(countIn(frequency.frequencyConfig()) + 1), "padding");
+    frequency.updateFrequencyForIdentifier(kId);
+    if (log->contains("ERROR")) ::_exit(3);
+    const int64_t acknowledged = countIn(frequency.frequencyConfig());
+    if (::write(fd, &acknowledged, sizeof acknowledged) != sizeof acknowledged) ::_exit(4);
+  }
+  ::_exit(0);
+}
+
+TEST(KLTStoreCrashTest, KilledWriterLeavesTheAcknowledgedCountOrOneMore) {
+  KLTTempDir dir;
+  const std::filesystem::path path = dir.path() / "store.kltstore";
+  std::mt19937 rng(20261122);
+  int exact = 0, oneMore = 0;
+  int64_t minAck = INT64_MAX, maxAck = 0;
+  for (int kill = 0; kill < kKills; ++kill) {
+    SCOPED_TRACE("kill " + std::to_string(kill));
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::close(fds[0]);
+      runWriter(path, fds[1]);
+    }
+    ::close(fds[1]);
+
+    // Let the writer report a few saves, then kill it after a random stretch of work of our own.
+    int64_t acknowledged = -1;
+    const int wanted = 1 + static_cast<int>(rng() % 6);
+    for (int i = 0; i < wanted; ++i) ASSERT_TRUE(readWhole(fds[0], &acknowledged, sizeof acknowledged));
+    volatile unsigned spin = 0;
+    for (unsigned i = rng() % 400'000; i > 0; --i) spin = spin + i;
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the writer failed on its own: " << status;
+    // Reports written before the kill are still in the pipe.
+    for (int64_t more = 0; readWhole(fds[0], &more, sizeof more);) acknowledged = more;
+    ::close(fds[0]);
+
+    KLTScopedLogCapture capture(2);
+    const KLTUserDefaults store(path);
+    ASSERT_EQ(capture.log().count("ERROR"), 0) << "the store must open cleanly";
+    const int64_t count = countIn(store.objectForKey(kKLTFrequencyStoreKey));
+    ASSERT_TRUE(count == acknowledged || count == acknowledged + 1)
+        << "stored " << count << ", acknowledged " << acknowledged;
+    ASSERT_EQ(store.objectForKey("padding"), paddingFor(count)) << "counter and padding come from one save";
+    (count == acknowledged ? exact : oneMore)++;
+    minAck = std::min(minAck, acknowledged);
+    maxAck = std::max(maxAck, acknowledged);
+  }
+  std::printf("[ crash    ] %d kills; acknowledged counts %lld..%lld; stored = acknowledged: %d, acknowledged + 1: %d\n",
+              kKills, static_cast<long long>(minAck), static_cast<long long>(maxAck), exact, oneMore);
+}
+
+}  // namespace
