@@ -65,6 +65,10 @@ class KLTContextEvaluator final : public KeltoPlugin {
   void parseTask(const KLTValue& document);
 
   std::unordered_map<std::string, std::shared_ptr<KLTCEConfigItem>> _configuration;
+  // Items dropped from the table by a later parse. Rule objects live for the rest of the process
+  // (their conditions may still be registered with the host); keeping them here keeps them
+  // reachable rather than leaked as unreachable cycles.
+  std::vector<std::shared_ptr<KLTCEConfigItem>> retiredItems;
   std::unique_ptr<KLTMacroHelper> macroHelper;
   const std::shared_ptr<KLTSerialQueue> _ceOpsSerialQueue;
 };

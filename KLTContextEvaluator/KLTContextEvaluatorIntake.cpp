@@ -41,10 +41,12 @@ void KLTContextEvaluator::parseTask(const KLTValue& document) {
     // A new item replaces the stored one; the old one stays registered with the host.
     auto item = KLTCEConfigItem::create(*config);
     if (const std::string* key = klt::stringPtr(id)) {
+      auto it = _configuration.find(*key);
+      if (it != _configuration.end()) retiredItems.push_back(std::move(it->second));
       if (item) {
         _configuration[*key] = std::move(item);
-      } else {
-        _configuration.erase(*key);
+      } else if (it != _configuration.end()) {
+        _configuration.erase(it);
       }
     }
   }

@@ -99,6 +99,8 @@ void KLTController::setSession(std::shared_ptr<KLTSession> session) {
 
 void KLTController::removeAllListeners() {
   std::unique_lock lock(mutex_);
+  for (auto& [key, list] : byIdentifier_) retired_.push_back(std::move(list));
+  for (auto& [key, list] : byType_) retired_.push_back(std::move(list));
   byIdentifier_.clear();
   byType_.clear();
 }

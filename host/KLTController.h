@@ -58,7 +58,9 @@ class KLTController {
   // Starts a new user or session (a fresh object, with empty attributes when none is given).
   void setUser(std::shared_ptr<KLTUser> user);
   void setSession(std::shared_ptr<KLTSession> session);
-  // Forgets every listener (a host that tears down its plug-ins).
+  // Stops delivering to every listener (a host that tears down its plug-ins). The listeners are
+  // not destroyed: rule objects hold each other in cycles meant to live for the whole process, so
+  // the registry keeps them alive, undelivered, instead of leaking them unreachable.
   void removeAllListeners();
   // Number of (key, listener) registrations.
   std::size_t registrationCount() const;
@@ -70,6 +72,7 @@ class KLTController {
   mutable std::shared_mutex mutex_;
   std::unordered_map<std::string, std::shared_ptr<const ListenerList>> byIdentifier_;
   std::unordered_map<unsigned long, std::shared_ptr<const ListenerList>> byType_;
+  std::vector<std::shared_ptr<const ListenerList>> retired_;
   std::shared_ptr<DispatchHandler> dispatchHandler_;
   std::shared_ptr<KLTUser> user_;
   std::shared_ptr<KLTSession> session_;
