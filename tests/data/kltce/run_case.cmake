@@ -1,0 +1,32 @@
+# Runs kltce once as a process and checks what it did:
+#   cmake -DTOOL=<kltce> -DARGS="run|--document|x.json|..." [-DINPUT=<file>] [-DEXPECT_OUT=<file>]
+#         [-DEXPECT_RC=<n>] [-DEXPECT_ERR=<regex>] [-DEXPECT_OUT_REGEX=<regex>] -P run_case.cmake
+# ARGS separates arguments with "|". Standard output must equal EXPECT_OUT's content exactly.
+string(REPLACE "|" ";" args "${ARGS}")
+if(DEFINED INPUT)
+  set(input INPUT_FILE ${INPUT})
+endif()
+execute_process(COMMAND ${TOOL} ${args} ${input}
+                OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE rc TIMEOUT 60)
+if(NOT DEFINED EXPECT_RC)
+  set(EXPECT_RC 0)
+endif()
+set(failed "")
+if(NOT "${rc}" STREQUAL "${EXPECT_RC}")
+  string(APPEND failed "exit status ${rc}, expected ${EXPECT_RC}\n")
+endif()
+if(DEFINED EXPECT_OUT)
+  file(READ ${EXPECT_OUT} expected)
+  if(NOT out STREQUAL expected)
+    string(APPEND failed "standard output differs; expected:\n${expected}")
+  endif()
+endif()
+if(DEFINED EXPECT_OUT_REGEX AND NOT out MATCHES "${EXPECT_OUT_REGEX}")
+  string(APPEND failed "standard output does not match: ${EXPECT_OUT_REGEX}\n")
+endif()
+if(DEFINED EXPECT_ERR AND NOT err MATCHES "${EXPECT_ERR}")
+  string(APPEND failed "standard error does not match: ${EXPECT_ERR}\n")
+endif()
+if(failed)
+  message(FATAL_ERROR "${failed}--- standard output:\n${out}--- standard error:\n${err}")
+endif()

@@ -1,0 +1,113 @@
+// Reading event-stream lines, instants and zones: each row is one line and what the replay must
+// make of it (the event code, the action, or the error a person reads).
+#include "tools/kltce/stream_line.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/kltce/time_text.h"
+
+namespace {
+
+using kltce::LineKind;
+
+struct LineCase {
+  const char* line;
+  const char* error;  // fragment of the expected error; nullptr: usable
+  LineKind kind;
+  unsigned long code;
+  const char* note;
+};
+
+TEST(KltceStreamLine, ReadsEventsActionsAndNamesWhatIsWrong) {
+  const LineCase cases[] = {
+      {R"({"t":"2026-11-22T09:00:00Z","type":"app","name":"purchase","attributes":{"plan":"gold"}})", nullptr, LineKind::Event, 4, "app event"},
+      {R"({"type":"client","name":"read"})", nullptr, LineKind::Event, 5, "client event without t"},
+      {R"({"t":1795338000000,"type":"activity","name":"Home"})", nullptr, LineKind::Event, 1, "epoch ms"},
+      {R"({"type":"presence"})", nullptr, LineKind::Event, 3, "presence needs no name"},
+      {R"({"action":"shown","id":"x"})", nullptr, LineKind::Shown, 0, "shown"},
+      {R"({"action":"set_user_attributes","attributes":{"a":1}})", nullptr, LineKind::SetUserAttributes, 0, "user attrs"},
+      {R"({"action":"set_session_custom_info","custom_info":{"city":"Lyon"}})", nullptr, LineKind::SetSessionCustomInfo, 0, "session info"},
+      {R"({"action":"new_session","first_session":true})", nullptr, LineKind::NewSession, 0, "new session"},
+      {R"({"action":"parse"})", nullptr, LineKind::Parse, 0, "re-parse the start document"},
+      {R"({"action":"parse","file":"other.json"})", nullptr, LineKind::Parse, 0, "parse a file"},
+      {"not json", "not valid JSON: parse error at column", LineKind::Event, 0, "malformed line, no line number of its own"},
+      {R"({"type":"app","name":"x")", "not valid JSON", LineKind::Event, 0, "cut-off line"},
+      {"[1,2]", "must be a JSON object, not array", LineKind::Event, 0, "not an object"},
+      {R"({"t":"yesterday","type":"app","name":"x"})", "\"t\" must be an ISO 8601 time", LineKind::Event, 0, "bad time text"},
+      {R"({"t":true,"type":"app","name":"x"})", "\"t\" must be", LineKind::Event, 0, "boolean time"},
+      {R"({"t":1e300,"type":"app","name":"x"})", "\"t\" must be", LineKind::Event, 0, "time out of range"},
+      {R"({"type":"screen","name":"x"})", "unknown event type \"screen\"", LineKind::Event, 0, "unknown type"},
+      {R"({"type":"app"})", "\"name\" must be text", LineKind::Event, 0, "app event without name"},
+      {R"({"type":"activity","name":3})", "\"name\" must be text (the activity screen's name)", LineKind::Event, 0, "numeric name"},
+      {R"({"type":"app","name":"x","attributes":[1]})", "\"attributes\" must be an object", LineKind::Event, 0, "list attributes"},
+      {R"({"name":"x"})", "needs \"type\"", LineKind::Event, 0, "neither type nor action"},
+      {R"({"type":"app","action":"shown","name":"x"})", "not both", LineKind::Event, 0, "both type and action"},
+      {R"({"action":"shown","id":5})", "needs \"id\"", LineKind::Event, 0, "numeric id"},
+      {R"({"action":"show","id":"x"})", "unknown action \"show\"", LineKind::Event, 0, "misspelt action"},
+      {R"({"action":"set_user_attributes"})", "needs \"attributes\"", LineKind::Event, 0, "set without values"},
+      {R"({"action":"new_session","first_session":"yes"})", "true or false", LineKind::Event, 0, "text flag"},
+      {R"({"action":"parse","file":"a","document":{}})", "not both", LineKind::Event, 0, "parse with both"},
+      {R"({"action":"parse","document":[]})", "must be an object", LineKind::Event, 0, "parse a list"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(std::string(row.note) + ": " + row.line);
+    const kltce::LineResult r = kltce::parseStreamLine(row.line);
+    if (row.error) {
+      EXPECT_FALSE(r.line.has_value());
+      EXPECT_NE(r.error.find(row.error), std::string::npos) << r.error;
+      continue;
+    }
+    ASSERT_TRUE(r.line.has_value()) << r.error;
+    EXPECT_EQ(r.line->kind, row.kind);
+    EXPECT_EQ(r.line->code, row.code);
+  }
+}
+
+TEST(KltceStreamLine, KeepsValuesAndNotesUnknownKeys) {
+  auto r = kltce::parseStreamLine(R"({"t":"2026-11-22T10:00:00+01:00","type":"app","name":"buy","atributes":{"a":1}})");
+  ASSERT_TRUE(r.line);
+  EXPECT_EQ(r.line->name, "buy");
+  EXPECT_EQ(KLTClock::epochMillis(*r.line->time), 1795338000000);
+  ASSERT_EQ(r.line->notes.size(), 1u);
+  EXPECT_NE(r.line->notes[0].find("\"atributes\""), std::string::npos);
+
+  for (const char* blank : {"", "   ", "\t\r"}) {
+    auto b = kltce::parseStreamLine(blank);
+    EXPECT_FALSE(b.line);
+    EXPECT_TRUE(b.error.empty()) << "blank lines are skipped silently";
+  }
+}
+
+struct FormatCase {
+  int64_t millis;
+  const char* zone;
+  const char* expected;
+};
+
+TEST(KltceTimeText, FormatsLocalTimeWithItsOffset) {
+  const FormatCase cases[] = {
+      {1795338000000, "UTC", "2026-11-22T09:00:00Z"},
+      {1795338000250, "+00:00", "2026-11-22T09:00:00.250Z"},
+      {1795338000000, "Europe/Paris", "2026-11-22T10:00:00+01:00"},
+      {1783000000000, "Europe/Paris", "2026-07-02T15:46:40+02:00"},  // summer time
+      {1795338000000, "-05:30", "2026-11-22T03:30:00-05:30"},
+      {-1, "UTC", "1969-12-31T23:59:59.999Z"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.expected);
+    auto zone = kltce::zoneFromText(row.zone);
+    ASSERT_TRUE(zone);
+    const KLTTimePoint t{std::chrono::milliseconds(row.millis)};
+    EXPECT_EQ(kltce::formatInstant(t, *zone), row.expected);
+    EXPECT_EQ(kltce::readInstant(KLTValue(row.expected)), t) << "the output reads back";
+  }
+}
+
+TEST(KltceTimeText, RejectsUnknownZones) {
+  for (const char* bad : {"", "Mars/Olympus", "+1:00", "+25:00", "+01:60", "01:00"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(kltce::zoneFromText(bad), nullptr);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+# The kltce tool's tests: its unit tests link the tool library, and end-to-end tests run the built
+# kltce binary as a process on the small files in data/kltce/ and on the shipped examples.
+if(NOT TARGET kltce_tool)
+  add_subdirectory(${PROJECT_SOURCE_DIR}/tools/kltce ${PROJECT_BINARY_DIR}/tools/kltce)
+endif()
+
+file(GLOB kltce_tool_tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/kltce_*_test.cpp)
+foreach(src ${kltce_tool_tests})
+  get_filename_component(name ${src} NAME_WE)
+  target_link_libraries(${name} PRIVATE kltce_tool)
+  target_compile_definitions(${name} PRIVATE KLTCE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+endforeach()
+
+set(kltce_data ${CMAKE_CURRENT_SOURCE_DIR}/data/kltce)
+set(kltce_examples ${PROJECT_SOURCE_DIR}/examples)
+set(kltce_scratch ${CMAKE_CURRENT_BINARY_DIR}/kltce_e2e)
+file(MAKE_DIRECTORY ${kltce_scratch})
+
+# kltce_e2e(<name> ARGS a|b|c [INPUT file] [EXPECT_OUT file] [EXPECT_RC n] [EXPECT_ERR regex] [EXPECT_OUT_REGEX regex])
+function(kltce_e2e name)
+  cmake_parse_arguments(E "" "ARGS;INPUT;EXPECT_OUT;EXPECT_RC;EXPECT_ERR;EXPECT_OUT_REGEX" "" ${ARGN})
+  set(defs -DTOOL=$<TARGET_FILE:kltce> "-DARGS=${E_ARGS}")
+  foreach(key INPUT EXPECT_OUT EXPECT_RC EXPECT_ERR EXPECT_OUT_REGEX)
+    if(DEFINED E_${key})
+      list(APPEND defs "-D${key}=${E_${key}}")
+    endif()
+  endforeach()
+  add_test(NAME kltce_e2e_${name} COMMAND ${CMAKE_COMMAND} ${defs} -P ${kltce_data}/run_case.cmake)
+  set_tests_properties(kltce_e2e_${name} PROPERTIES LABELS e2e)
+endfunction()
+
+set(run_small run|--document|${kltce_data}/campaigns.json|--profile|${kltce_data}/profile.json)
+
+kltce_e2e(example_stream
+  ARGS run|--document|${kltce_examples}/campaigns.json|--profile|${kltce_examples}/profile.json|--events|${kltce_examples}/events.jsonl|--fresh
+  EXPECT_OUT ${kltce_data}/example.expected.jsonl)
+kltce_e2e(scripted_stream_from_stdin
+  ARGS ${run_small}|--fresh|--auto-shown
+  INPUT ${kltce_data}/taps.jsonl EXPECT_OUT ${kltce_data}/taps.expected.jsonl)
+kltce_e2e(bad_line_named_and_skipped
+  ARGS ${run_small}|--fresh|--events|${kltce_data}/bad_line.jsonl
+  EXPECT_OUT ${kltce_data}/bad_line.expected.jsonl
+  EXPECT_ERR "kltce: line 2: not valid JSON: parse error at column [0-9]+[^\n]*\nkltce: line 3: \"t\" must be an ISO 8601 time")
+kltce_e2e(bad_line_strict_stops
+  ARGS ${run_small}|--fresh|--strict|--events|${kltce_data}/bad_line.jsonl
+  EXPECT_RC 1 EXPECT_ERR "kltce: line 2: not valid JSON.*stopped at line 2 \\(--strict\\)")
+kltce_e2e(blocked_queue_named
+  ARGS run|--document|${kltce_data}/blocked.json|--profile|${kltce_data}/profile.json|--fresh|--events|${kltce_data}/taps.jsonl
+  EXPECT_RC 3 EXPECT_ERR "line 1: the engine's queue is blocked for good.*campaign stuck_timer, conditions\\[0\\]\\.details\\.additional_info\\.time")
+
+# Counters persist between two runs that share --state: the second run's tap finds the cap reached.
+kltce_e2e(state_first_run
+  ARGS ${run_small}|--state|${kltce_scratch}/state/counters.kltstore|--fresh|--events|${kltce_data}/tap_shown.jsonl
+  EXPECT_OUT ${kltce_data}/tap_shown.expected.jsonl)
+kltce_e2e(state_second_run
+  ARGS ${run_small}|--state|${kltce_scratch}/state/counters.kltstore|--events|${kltce_data}/tap_next_day.jsonl
+  EXPECT_OUT ${kltce_data}/empty.expected.jsonl EXPECT_ERR "Action count limit exceeded")
+set_tests_properties(kltce_e2e_state_first_run PROPERTIES FIXTURES_SETUP kltce_state)
+set_tests_properties(kltce_e2e_state_second_run PROPERTIES FIXTURES_REQUIRED kltce_state)
+
+kltce_e2e(check_verdicts_json
+  ARGS check|--document|${kltce_data}/flawed.json|--profile|${kltce_data}/profile.json|--at|2026-11-22T09:00:00Z|--json
+  EXPECT_RC 1 EXPECT_OUT ${kltce_data}/flawed.expected.json)
+kltce_e2e(check_sound_document
+  ARGS check|--document|${kltce_data}/campaigns.json|--profile|${kltce_data}/profile.json|--at|2026-11-22T09:00:00Z
+  EXPECT_OUT_REGEX "^tap_promo: admitted\nidle_survey: admitted\n2 campaigns: 2 admitted, 0 rejected; 0 errors, 0 warnings\n$")
+kltce_e2e(macros_expand
+  ARGS "macros|--profile|${kltce_data}/profile.json|Hi [user_first_name(there)], [session_city(welcome)]!"
+  EXPECT_OUT_REGEX "^Hi Ada, welcome!\n$")
+
+# One clear message and a non-zero exit for files that cannot be used.
+kltce_e2e(missing_document
+  ARGS run|--document|${kltce_scratch}/nope.json|--profile|${kltce_data}/profile.json
+  EXPECT_RC 2 EXPECT_ERR "^kltce: document: cannot read '[^']*nope.json': No such file or directory\n$")
+kltce_e2e(unreadable_profile
+  ARGS check|--document|${kltce_data}/campaigns.json|--profile|${kltce_data}/bad_line.jsonl
+  EXPECT_RC 2 EXPECT_ERR "^kltce: profile: '[^']*bad_line.jsonl' is not valid JSON: parse error at line 2")
+kltce_e2e(unwritable_state
+  ARGS ${run_small}|--state|${kltce_data}/profile.json/counters.kltstore|--events|${kltce_data}/taps.jsonl
+  EXPECT_RC 2 EXPECT_ERR "^kltce: cannot create the folder of the state file '[^']*': [^\n]+\n$")
+kltce_e2e(missing_events
+  ARGS ${run_small}|--fresh|--events|${kltce_scratch}/nope.jsonl
+  EXPECT_RC 2 EXPECT_ERR "^kltce: events: cannot read '[^']*nope.jsonl': No such file or directory\n$")

@@ -1,0 +1,159 @@
+// kltce: replays event streams against campaign documents, checks documents against a device
+// profile, and expands message placeholders. Argument parsing only; the work is in kltce_tool.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "platform/KLTLog.h"
+#include "tools/kltce/check.h"
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/macros.h"
+#include "tools/kltce/profile.h"
+#include "tools/kltce/replay.h"
+#include "tools/kltce/time_text.h"
+
+namespace {
+
+using kltce::kExitUsage;
+
+bool loadDocument(const std::string& path, KLTValue& document) {
+  kltce::JsonResult r = kltce::loadJsonFile(path);
+  if (!r.ok()) {
+    std::cerr << "kltce: document: " << r.error << '\n';
+    return false;
+  }
+  document = std::move(r.value);
+  return true;
+}
+
+bool loadProfile(const std::string& path, kltce::Profile& profile) {
+  kltce::JsonResult r = kltce::loadJsonFile(path);
+  if (!r.ok()) {
+    std::cerr << "kltce: profile: " << r.error << '\n';
+    return false;
+  }
+  kltce::ProfileResult p = kltce::parseProfile(r.value);
+  for (const auto& note : p.notes) std::cerr << "kltce: profile '" << path << "': note: " << note << '\n';
+  if (!p.ok()) {
+    std::cerr << "kltce: profile '" << path << "': " << p.error << '\n';
+    return false;
+  }
+  profile = std::move(p.profile);
+  return true;
+}
+
+bool readInstantOption(const std::string& name, const std::string& text, std::optional<KLTTimePoint>& out) {
+  KLTValue v = text;
+  if (!text.empty() && text.find_first_not_of("-0123456789") == std::string::npos) v = std::strtoll(text.c_str(), nullptr, 10);
+  out = kltce::readInstant(v);
+  if (!out) std::cerr << "kltce: " << name << ": \"" << text << "\" is not an ISO 8601 time or epoch milliseconds\n";
+  return out.has_value();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  CLI::App app{"kltce: replay event streams against campaign documents, check documents, expand placeholders"};
+  app.require_subcommand(1);
+
+  std::string document, profile, events = "-", state, tz, start, at;
+  bool fresh = false, autoShown = false, strict = false, json = false;
+  long logLevel = 2;
+
+  auto* run = app.add_subcommand("run", "replay an event stream (JSON Lines) and print every display event");
+  run->add_option("--document", document, "campaign document (JSON)")->required();
+  run->add_option("--profile", profile, "device profile (JSON)")->required();
+  run->add_option("--events", events, "event stream, one JSON object per line; - for standard input (default)");
+  auto* stateOpt = run->add_option("--state", state, "file of the persisted counters (default: the per-user store)");
+  run->add_flag("--fresh", fresh, "start with empty counters (with --state: that file is reset; without: kept in memory)");
+  run->add_flag("--auto-shown", autoShown, "report every display event as shown, as a host would after showing it");
+  auto* levelOpt = run->add_option("--log-level", logLevel, "the engine's LOG_LEVEL (0-1 debug, 2 default, 4 quiet)");
+  auto* tzOpt = run->add_option("--tz", tz, "time zone: IANA name or +HH:MM (default: the profile's, else the system's)");
+  auto* startOpt = run->add_option("--start", start, "start time (ISO 8601 or epoch ms; default: the first line's t)");
+  run->add_flag("--strict", strict, "stop at the first bad line");
+
+  auto* check = app.add_subcommand("check", "say which campaigns the profile admits, and what in them can never fire");
+  check->add_option("--document", document, "campaign document (JSON)")->required();
+  check->add_option("--profile", profile, "device profile (JSON)")->required();
+  check->add_flag("--json", json, "one JSON object on standard output");
+  auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
+
+  std::string text;
+  auto* macros = app.add_subcommand("macros", "expand [user_x(default)] and [session_x(default)] placeholders");
+  macros->add_option("--profile", profile, "device profile (JSON)")->required();
+  auto* textOpt = macros->add_option("text", text, "the text (default: standard input)");
+
+  CLI11_PARSE(app, argc, argv);
+
+  kltce::Profile p;
+  if (!loadProfile(profile, p)) return kExitUsage;
+
+  if (macros->parsed()) {
+    if (textOpt->count() == 0) {
+      text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+      if (!text.empty() && text.back() == '\n') text.pop_back();
+    }
+    return kltce::runMacros(p, text, std::cout, std::cerr);
+  }
+
+  kltce::CheckOptions checkOptions;
+  kltce::ReplayOptions replayOptions;
+  KLTValue& doc = run->parsed() ? replayOptions.document : checkOptions.document;
+  if (!loadDocument(document, doc)) return kExitUsage;
+
+  if (check->parsed()) {
+    checkOptions.profile = std::move(p);
+    checkOptions.json = json;
+    if (atOpt->count() && !readInstantOption("--at", at, checkOptions.at)) return kExitUsage;
+    return kltce::runCheck(checkOptions, std::cout, std::cerr);
+  }
+
+  replayOptions.profile = std::move(p);
+  replayOptions.fresh = fresh;
+  replayOptions.autoShown = autoShown;
+  replayOptions.strict = strict;
+  if (levelOpt->count()) replayOptions.logLevel = logLevel;
+  if (tzOpt->count()) {
+    replayOptions.zone = kltce::zoneFromText(tz);
+    if (!replayOptions.zone) {
+      std::cerr << "kltce: --tz: unknown time zone \"" << tz << "\" (use an IANA name such as Europe/Paris, or +HH:MM)\n";
+      return kExitUsage;
+    }
+  }
+  if (startOpt->count() && !readInstantOption("--start", start, replayOptions.start)) return kExitUsage;
+  replayOptions.statePath = kltce::resolveStatePath(
+      stateOpt->count() ? std::optional<std::filesystem::path>(state) : std::nullopt, fresh);
+  replayOptions.progress = ::isatty(STDERR_FILENO) == 1;
+
+  std::ifstream file;
+  std::istream* in = &std::cin;
+  if (events != "-") {
+    file.open(events);
+    if (!file) {
+      std::cerr << "kltce: events: cannot read '" << events << "': " << std::strerror(errno) << '\n';
+      return kExitUsage;
+    }
+    in = &file;
+    replayOptions.baseDir = std::filesystem::path(events).parent_path();
+  }
+  const kltce::ReplayResult result = kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
+  if (result.queueBlocked) {
+    // The engine's worker never returns; ending normally would wait for it.
+    std::cout.flush();
+    std::cerr.flush();
+    std::_Exit(result.exitCode);
+  }
+  return result.exitCode;
+}

@@ -1,0 +1,384 @@
+#include "tools/kltce/replay.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "host/KLTController.h"
+#include "host/KLTUtilities.h"
+#include "platform/KLTLog.h"
+#include "testsupport/KLTVirtualClock.h"
+#include "tools/kltce/analysis.h"
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/stream_line.h"
+#include "tools/kltce/time_text.h"
+
+namespace kltce {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// How often (real time) a busy queue is looked at for a timer that never ends.
+constexpr std::chrono::milliseconds kBlockedPoll{20};
+constexpr std::chrono::seconds kProgressAfter{1};
+constexpr std::chrono::milliseconds kProgressEvery{250};
+
+struct Display {
+  KLTTimePoint time;
+  std::string className;
+  KLTValue info;
+  std::size_t line = 0;
+};
+
+// The process-wide seams of one replay, restored when it goes.
+class ReplayHost {
+ public:
+  ReplayHost(const ReplayOptions& options, KLTTimePoint start, std::shared_ptr<const KLTTimeZone> zone,
+             std::shared_ptr<KLTUserDefaults> store)
+      : clock_(std::make_shared<KLTVirtualClock>(start, std::move(zone))),
+        previousLevel_(LOG_LEVEL.load()),
+        previousClock_(KLTClock::setCurrent(clock_)),
+        previousStore_(KLTUserDefaults::setStandardUserDefaults(std::move(store))) {
+    if (options.logLevel) LOG_LEVEL = *options.logLevel;
+    auto& controller = KLTController::sharedController();
+    controller.removeAllListeners();  // a fresh device: nothing left from an earlier replay in this process
+    applyProfile(options.profile);
+    controller.setDispatchHandler([this](std::shared_ptr<KLTDisplayEvent> e) {
+      Display d{clock_->now(), std::string(e->className()), e->info(), 0};
+      std::lock_guard lock(mutex_);
+      d.line = currentLine_;
+      pending_.push_back(std::move(d));
+    });
+  }
+
+  ~ReplayHost() {
+    auto& controller = KLTController::sharedController();
+    // The engine's rule objects stay registered: they live for the rest of the process by design,
+    // held only by the host's registry. The next replay in this process starts by forgetting them.
+    controller.setDispatchHandler(nullptr);
+    KLTUserDefaults::setStandardUserDefaults(previousStore_);
+    KLTClock::setCurrent(previousClock_);
+    LOG_LEVEL = previousLevel_;
+  }
+
+  ReplayHost(const ReplayHost&) = delete;
+  ReplayHost& operator=(const ReplayHost&) = delete;
+
+  KLTVirtualClock& clock() { return *clock_; }
+
+  void setLine(std::size_t line) {
+    std::lock_guard lock(mutex_);
+    currentLine_ = line;
+  }
+
+  std::vector<Display> takeDisplays() {
+    std::lock_guard lock(mutex_);
+    std::vector<Display> out;
+    out.swap(pending_);
+    return out;
+  }
+
+  // Waits until the engine's queue has run everything posted so far. False when a timer that never
+  // ends holds it: then it never becomes idle.
+  bool drain() {
+    auto queue = KLTContextEvaluator::sharedInstance().ceOpsSerialQueue();
+    while (!queue->waitUntilIdleFor(kBlockedPoll)) {
+      if (clock_->blockedForeverCount() > 0) return false;
+    }
+    return true;
+  }
+
+ private:
+  std::shared_ptr<KLTVirtualClock> clock_;
+  long previousLevel_;
+  std::shared_ptr<KLTClock> previousClock_;
+  std::shared_ptr<KLTUserDefaults> previousStore_;
+  std::mutex mutex_;
+  std::vector<Display> pending_;
+  std::size_t currentLine_ = 0;
+};
+
+class Replay {
+ public:
+  Replay(const ReplayOptions& options, ReplayHost& host, std::ostream& out, std::ostream& err)
+      : options_(options), host_(host), out_(out), err_(err), zone_(host.clock().timeZone()) {
+    documents_.push_back(options.document);
+    realNow_ = options.realNow ? options.realNow : [] { return std::chrono::steady_clock::now(); };
+    began_ = lastProgress_ = realNow_();
+  }
+
+  // Parses the start document. False when the engine's queue is blocked for good.
+  bool startUp() {
+    KLTContextEvaluator::sharedInstance().parseConfiguration(options_.document);
+    return settle(0);
+  }
+
+  // Handles one stream line; false when the replay must stop.
+  bool line(std::size_t number, LineResult parsed) {
+    ++result.lines;
+    if (!parsed.line) {
+      if (parsed.error.empty()) return true;  // blank
+      return bad(number, parsed.error);
+    }
+    StreamLine& l = *parsed.line;
+    for (const auto& note : l.notes) err_ << "kltce: line " << number << ": note: " << note << '\n';
+    host_.setLine(number);
+    if (l.time) host_.clock().setNow(*l.time);
+    auto& controller = KLTController::sharedController();
+    auto& evaluator = KLTContextEvaluator::sharedInstance();
+    bool posted = false;
+    switch (l.kind) {
+      case LineKind::Event:
+        ++result.events;
+        posted = controller.deliverEvent(KLTEvent::make(l.code, l.name, l.attributes)) > 0;
+        break;
+      case LineKind::Shown:
+        evaluator.updateCountForConfigWithIdentifier(l.id);
+        posted = true;
+        break;
+      case LineKind::SetUserAttributes:
+        for (const auto& [k, v] : l.attributes.items()) controller.user()->setUserAttribute(k, v);
+        break;
+      case LineKind::SetSessionAttributes:
+        for (const auto& [k, v] : l.attributes.items()) controller.session()->setSessionAttribute(k, v);
+        break;
+      case LineKind::SetUserCustomInfo:
+        for (const auto& [k, v] : l.customInfo.items()) controller.user()->setCustomInfoValue(k, v);
+        break;
+      case LineKind::SetSessionCustomInfo:
+        for (const auto& [k, v] : l.customInfo.items()) controller.session()->setCustomInfoValue(k, v);
+        break;
+      case LineKind::NewSession: {
+        auto session = std::make_shared<KLTSession>();
+        session->setSessionAttributes(l.attributes);
+        session->setCustomInfo(l.customInfo);
+        controller.setSession(std::move(session));
+        KLTUtilities::setFirstSession(l.firstSession);
+        break;
+      }
+      case LineKind::Parse: {
+        KLTValue document = options_.document;
+        if (l.document) {
+          document = *l.document;
+        } else if (!l.file.empty()) {
+          fs::path file = l.file;
+          if (file.is_relative() && !options_.baseDir.empty()) file = options_.baseDir / file;
+          JsonResult loaded = loadJsonFile(file);
+          if (!loaded.ok()) return bad(number, loaded.error);
+          if (!loaded.value.is_object()) return bad(number, "'" + file.string() + "' is not a campaign document (a JSON object)");
+          document = std::move(loaded.value);
+        }
+        documents_.push_back(document);
+        evaluator.parseConfiguration(std::move(document));
+        posted = true;
+        break;
+      }
+    }
+    if (posted && !settle(number)) return false;
+    progress();
+    return true;
+  }
+
+  void finish() {
+    if (progressShown_) err_ << '\n';
+    if (result.badLines > 0 && result.exitCode == kExitOk) {
+      err_ << "kltce: " << result.badLines << (result.badLines == 1 ? " line was" : " lines were") << " skipped\n";
+    }
+  }
+
+  ReplayResult result;
+
+ private:
+  bool bad(std::size_t number, const std::string& message) {
+    ++result.badLines;
+    err_ << "kltce: line " << number << ": " << message << '\n';
+    if (options_.strict) {
+      err_ << "kltce: stopped at line " << number << " (--strict); the lines before it were replayed\n";
+      result.exitCode = kExitStopped;
+      return false;
+    }
+    return true;
+  }
+
+  // Waits for the engine, writes what it dispatched, and with --auto-shown reports each display.
+  bool settle(std::size_t number) {
+    if (!host_.drain()) return blocked(number);
+    std::vector<Display> displays = host_.takeDisplays();
+    if (displays.empty()) return true;
+    for (const auto& d : displays) {
+      KLTValue line = KLTValue::object();
+      line["time"] = formatInstant(d.time, *zone_);
+      line["class"] = d.className;
+      line["info"] = d.info;
+      line["line"] = d.line;
+      out_ << compactJson(line) << '\n';
+    }
+    out_.flush();
+    result.displays += displays.size();
+    if (options_.autoShown) {
+      for (const auto& d : displays) {
+        if (const std::string* id = klt::stringPtr(klt::valueForKey(d.info, "id"))) {
+          KLTContextEvaluator::sharedInstance().updateCountForConfigWithIdentifier(*id);
+        }
+      }
+      if (!host_.drain()) return blocked(number);
+    }
+    return true;
+  }
+
+  bool blocked(std::size_t number) {
+    result.exitCode = kExitBlocked;
+    result.queueBlocked = true;
+    err_ << "kltce: " << (number == 0 ? std::string("start-up") : "line " + std::to_string(number))
+         << ": the engine's queue is blocked for good: a timer condition (idle_time or activity_time) with a negative "
+            "\"time\" was armed, and its timer never ends, so no later event can be handled.\n";
+    std::string suspects;
+    for (const auto& document : documents_) {
+      const KLTValue& configs = klt::valueForKey(document, "configs");
+      if (!configs.is_array()) continue;
+      for (const auto& config : configs) {
+        for (const auto& f : analyzeCampaign(config)) {
+          if (f.severity != Severity::Error || f.where.find(".time") == std::string::npos) continue;
+          const KLTValue& id = klt::valueForKey(config, "_id");
+          suspects += "kltce:   campaign " + (id.is_string() ? id.get<std::string>() : std::string("(no _id)")) + ", " +
+                      f.where + ": " + f.message.substr(0, f.message.find(':')) + '\n';
+        }
+      }
+    }
+    if (!suspects.empty()) err_ << "kltce: timers that never end:\n" << suspects;
+    err_ << "kltce: stopped; give the timer a time of 0 or more (kltce check lists such timers)\n";
+    return false;
+  }
+
+  void progress() {
+    if (!options_.progress || (result.lines & 1023) != 0) return;
+    const auto now = realNow_();
+    if (now - began_ < kProgressAfter || now - lastProgress_ < kProgressEvery) return;
+    lastProgress_ = now;
+    progressShown_ = true;
+    err_ << "\rkltce: " << result.lines << " lines, " << result.events << " events, " << result.displays << " displays"
+         << std::flush;
+  }
+
+  const ReplayOptions& options_;
+  ReplayHost& host_;
+  std::ostream& out_;
+  std::ostream& err_;
+  std::shared_ptr<const KLTTimeZone> zone_;
+  std::vector<KLTValue> documents_;
+  std::function<std::chrono::steady_clock::time_point()> realNow_;
+  std::chrono::steady_clock::time_point began_, lastProgress_;
+  bool progressShown_ = false;
+};
+
+bool writable(const fs::path& path, std::string& why) {
+  if (::access(path.c_str(), W_OK) == 0) return true;
+  why = std::strerror(errno);
+  return false;
+}
+
+}  // namespace
+
+fs::path resolveStatePath(const std::optional<fs::path>& state, bool fresh) {
+  if (state) return *state;
+  if (fresh) return {};
+  return KLTUserDefaults::defaultLocation();
+}
+
+std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh, std::string& error) {
+  if (path.empty()) return std::make_shared<KLTUserDefaults>(fs::path());
+  std::error_code ec;
+  const std::string shownPath = "'" + path.string() + "'";
+  if (fs::is_directory(path, ec)) {
+    error = "the state path " + shownPath + " is a folder; --state takes a file name";
+    return nullptr;
+  }
+  const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+  fs::create_directories(folder, ec);
+  if (ec || !fs::is_directory(folder)) {
+    error = "cannot create the folder of the state file " + shownPath + ": " + (ec ? ec.message() : "not a folder");
+    return nullptr;
+  }
+  std::string why;
+  if (!writable(folder, why)) {
+    error = "cannot write the state file " + shownPath + ": its folder is not writable (" + why + ")";
+    return nullptr;
+  }
+  fs::path journal = path;
+  journal += ".journal";
+  for (const auto& file : {path, journal}) {
+    if (fs::exists(file, ec) && !writable(file, why)) {
+      error = "cannot write the state file '" + file.string() + "': " + why;
+      return nullptr;
+    }
+  }
+  if (fresh) {
+    for (const auto& file : {path, journal}) {
+      fs::remove(file, ec);
+      if (ec) {
+        error = "cannot reset the state file '" + file.string() + "': " + ec.message();
+        return nullptr;
+      }
+    }
+  }
+  return std::make_shared<KLTUserDefaults>(path);
+}
+
+ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::ostream& out, std::ostream& err) {
+  ReplayResult failed;
+  failed.exitCode = kExitUsage;
+  if (!options.document.is_object()) {
+    err << "kltce: the document must be a JSON object with \"configs\"\n";
+    return failed;
+  }
+  if (const KLTValue& configs = klt::valueForKey(options.document, "configs"); !configs.is_null() && !configs.is_array()) {
+    err << "kltce: the document's \"configs\" must be a list of campaigns\n";
+    return failed;
+  }
+  std::string error;
+  auto store = openStateStore(options.statePath, options.fresh, error);
+  if (!store) {
+    err << "kltce: " << error << '\n';
+    return failed;
+  }
+
+  // The first non-blank line gives the start time unless --start does.
+  std::size_t number = 0;
+  std::string text;
+  std::optional<std::size_t> first;
+  std::optional<LineResult> firstParsed;
+  while (std::getline(events, text)) {
+    ++number;
+    LineResult parsed = parseStreamLine(text);
+    if (!parsed.line && parsed.error.empty()) continue;  // blank
+    first = number;
+    firstParsed = std::move(parsed);
+    break;
+  }
+  KLTTimePoint start = options.start ? *options.start
+                       : (firstParsed && firstParsed->line && firstParsed->line->time) ? *firstParsed->line->time
+                                                                                       : KLTRealClock().now();
+  auto zone = options.zone ? options.zone : options.profile.timeZone ? options.profile.timeZone : KLTTimeZone::system();
+
+  ReplayHost host(options, start, zone, std::move(store));
+  Replay replay(options, host, out, err);
+  bool going = replay.startUp();
+  if (going && first) going = replay.line(*first, std::move(*firstParsed));
+  while (going && std::getline(events, text)) {
+    ++number;
+    going = replay.line(number, parseStreamLine(text));
+  }
+  if (events.bad() && going) err << "kltce: reading the event stream failed after line " << number << '\n';
+  replay.finish();
+  replay.result.lines = number;
+  return replay.result;
+}
+
+}  // namespace kltce

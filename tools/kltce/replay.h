@@ -1,0 +1,76 @@
+// `kltce run`: replays an event stream (stream_line.h) against a campaign document on a simulated
+// device, and writes one JSON line per display event the engine dispatches:
+//   {"time":"2026-11-22T10:00:30+01:00","class":"KLTInAppEvent","info":{"id":"welcome","type":"IN_APP"},"line":3}
+// ("line": the stream line that led to it; 0 for the parse at start-up).
+//
+// Time is virtual: the clock starts at `start` (else the first line's "t", else the present real
+// time), moves to each line's "t" (never backwards), and jumps over the engine's timers, so idle
+// and activity timers, time bounds and the daily window behave as on a device without waiting.
+// After each line the replay waits until the engine's queue is idle; a queue blocked for good by a
+// timer of endless interval stops the replay with a message naming the cause.
+//
+// runReplay() installs process-wide seams for its duration (virtual clock, state store, host
+// state, dispatch handler, LOG_LEVEL) and restores them when it returns: one replay at a time per
+// process, driven from one thread. It never throws.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <istream>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+
+#include "platform/KLTClock.h"
+#include "platform/KLTUserDefaults.h"
+#include "platform/KLTValue.h"
+#include "tools/kltce/profile.h"
+
+namespace kltce {
+
+struct ReplayOptions {
+  KLTValue document;                             // parsed at start-up
+  Profile profile;
+  std::shared_ptr<const KLTTimeZone> zone;       // nullptr: the profile's, else the system's
+  std::optional<KLTTimePoint> start;
+  std::filesystem::path statePath;               // empty: counters kept in memory only
+  bool fresh = false;                            // start with empty counters (the state file is reset)
+  bool autoShown = false;                        // report every dispatch as shown
+  bool strict = false;                           // stop at the first bad line
+  std::optional<long> logLevel;                  // LOG_LEVEL for the run
+  std::filesystem::path baseDir;                 // folder against which "file" of a parse line is read
+  bool progress = false;                         // write a progress line on err during long replays
+  std::function<std::chrono::steady_clock::time_point()> realNow;  // real time for progress; default steady_clock
+};
+
+// Exit codes.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitStopped = 1;   // a bad line under --strict
+inline constexpr int kExitUsage = 2;     // unusable document, profile, state path or option
+inline constexpr int kExitBlocked = 3;   // the engine's queue is blocked for good
+
+struct ReplayResult {
+  int exitCode = kExitOk;
+  // The engine's queue is blocked for good: the process should end without waiting for it
+  // (std::_Exit), since its worker never returns.
+  bool queueBlocked = false;
+  std::size_t lines = 0;      // stream lines read
+  std::size_t events = 0;     // host events delivered
+  std::size_t displays = 0;   // display events written
+  std::size_t badLines = 0;   // lines skipped (or the one that stopped a strict run)
+};
+
+// The state file a run uses: --state when given; otherwise the per-user default location, except
+// with --fresh, where counters live in memory only so that the default store is left alone.
+std::filesystem::path resolveStatePath(const std::optional<std::filesystem::path>& state, bool fresh);
+
+// Opens the counter store at path (memory only when empty). With fresh, the file and its journal
+// are removed first. nullptr, with error set to one line a person can act on, when the path
+// cannot be used (a folder, a folder that cannot be created, no permission to write).
+std::shared_ptr<KLTUserDefaults> openStateStore(const std::filesystem::path& path, bool fresh, std::string& error);
+
+ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::ostream& out, std::ostream& err);
+
+}  // namespace kltce

@@ -1,0 +1,138 @@
+#include "tools/kltce/stream_line.h"
+
+#include <algorithm>
+#include <initializer_list>
+
+#include "host/KLTEvent.h"
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/time_text.h"
+
+namespace kltce {
+
+namespace {
+
+bool isBlank(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
+}
+
+void noteUnknownKeys(const KLTValue& object, std::initializer_list<std::string_view> known, StreamLine& line) {
+  for (const auto& [key, v] : object.items()) {
+    if (std::find(known.begin(), known.end(), key) == known.end()) line.notes.push_back("unknown key \"" + key + "\" ignored");
+  }
+}
+
+// Reads an optional object-valued key; false (error set) when present but not an object.
+bool readObject(const KLTValue& object, const char* key, KLTValue& out, std::string& error) {
+  const KLTValue& v = klt::valueForKey(object, key);
+  if (v.is_null()) return true;
+  if (!v.is_object()) {
+    error = std::string("\"") + key + "\" must be an object";
+    return false;
+  }
+  out = v;
+  return true;
+}
+
+LineResult fail(std::string message) { return LineResult{std::nullopt, std::move(message)}; }
+
+LineResult parseEvent(const KLTValue& object, StreamLine line) {
+  const KLTValue& type = object["type"];
+  if (!type.is_string()) return fail("\"type\" must be text: app, client, activity or presence");
+  const std::string& word = type.get_ref<const std::string&>();
+  line.code = eventCodeForType(word);
+  if (line.code == 0) return fail("unknown event type \"" + word + "\" (expected app, client, activity or presence)");
+  const KLTValue& name = klt::valueForKey(object, "name");
+  if (name.is_string()) {
+    line.name = name.get_ref<const std::string&>();
+  } else if (!name.is_null() || line.code != kKLTEventCodePresence) {
+    return fail("\"name\" must be text (the " + word + (line.code == kKLTEventCodeActivity ? " screen" : " event") + "'s name)");
+  }
+  std::string error;
+  if (!readObject(object, "attributes", line.attributes, error)) return fail(error);
+  noteUnknownKeys(object, {"t", "type", "name", "attributes"}, line);
+  return LineResult{std::move(line), {}};
+}
+
+LineResult parseAction(const KLTValue& object, StreamLine line) {
+  const KLTValue& action = object["action"];
+  if (!action.is_string()) return fail("\"action\" must be text");
+  const std::string& word = action.get_ref<const std::string&>();
+  std::string error;
+  if (word == "shown") {
+    const KLTValue& id = klt::valueForKey(object, "id");
+    if (!id.is_string()) return fail("\"shown\" needs \"id\": the campaign's _id as text");
+    line.kind = LineKind::Shown;
+    line.id = id.get_ref<const std::string&>();
+    noteUnknownKeys(object, {"t", "action", "id"}, line);
+  } else if (word == "set_user_attributes" || word == "set_session_attributes") {
+    line.kind = word == "set_user_attributes" ? LineKind::SetUserAttributes : LineKind::SetSessionAttributes;
+    if (!klt::valueForKey(object, "attributes").is_object()) return fail("\"" + word + "\" needs \"attributes\": an object");
+    line.attributes = object["attributes"];
+    noteUnknownKeys(object, {"t", "action", "attributes"}, line);
+  } else if (word == "set_user_custom_info" || word == "set_session_custom_info") {
+    line.kind = word == "set_user_custom_info" ? LineKind::SetUserCustomInfo : LineKind::SetSessionCustomInfo;
+    if (!klt::valueForKey(object, "custom_info").is_object()) return fail("\"" + word + "\" needs \"custom_info\": an object");
+    line.customInfo = object["custom_info"];
+    noteUnknownKeys(object, {"t", "action", "custom_info"}, line);
+  } else if (word == "new_session") {
+    line.kind = LineKind::NewSession;
+    if (!readObject(object, "attributes", line.attributes, error)) return fail(error);
+    if (!readObject(object, "custom_info", line.customInfo, error)) return fail(error);
+    const KLTValue& first = klt::valueForKey(object, "first_session");
+    if (!first.is_null() && !first.is_boolean()) return fail("\"first_session\" must be true or false");
+    line.firstSession = first.is_boolean() && first.get<bool>();
+    noteUnknownKeys(object, {"t", "action", "attributes", "custom_info", "first_session"}, line);
+  } else if (word == "parse") {
+    line.kind = LineKind::Parse;
+    const KLTValue& document = klt::valueForKey(object, "document");
+    const KLTValue& file = klt::valueForKey(object, "file");
+    if (!document.is_null() && !file.is_null()) return fail("\"parse\" takes \"document\" or \"file\", not both");
+    if (!document.is_null()) {
+      if (!document.is_object()) return fail("\"document\" must be an object with \"configs\"");
+      line.document = document;
+    } else if (!file.is_null()) {
+      if (!file.is_string() || file.get_ref<const std::string&>().empty()) return fail("\"file\" must be a file name");
+      line.file = file.get_ref<const std::string&>();
+    }
+    noteUnknownKeys(object, {"t", "action", "document", "file"}, line);
+  } else {
+    return fail("unknown action \"" + word +
+                "\" (expected shown, set_user_attributes, set_session_attributes, set_user_custom_info, "
+                "set_session_custom_info, new_session or parse)");
+  }
+  return LineResult{std::move(line), {}};
+}
+
+}  // namespace
+
+unsigned long eventCodeForType(std::string_view type) {
+  if (type == "activity") return kKLTEventCodeActivity;
+  if (type == "presence") return kKLTEventCodePresence;
+  if (type == "app") return kKLTEventCodeApp;
+  if (type == "client") return kKLTEventCodeClient;
+  return 0;
+}
+
+LineResult parseStreamLine(std::string_view text) {
+  if (isBlank(text)) return {};
+  JsonResult json = parseJson(text);
+  if (!json.ok()) return fail("not valid JSON: " + json.error);
+  const KLTValue& object = json.value;
+  if (!object.is_object()) return fail("a line must be a JSON object, not " + std::string(object.type_name()));
+  StreamLine line;
+  if (const KLTValue& t = klt::valueForKey(object, "t"); !t.is_null()) {
+    line.time = readInstant(t);
+    if (!line.time) {
+      return fail("\"t\" must be an ISO 8601 time such as \"2026-11-22T09:00:00Z\" or epoch milliseconds, not " +
+                  compactJson(t));
+    }
+  }
+  const bool hasType = object.contains("type");
+  const bool hasAction = object.contains("action");
+  if (hasType && hasAction) return fail("a line has \"type\" (an event) or \"action\" (a host action), not both");
+  if (hasType) return parseEvent(object, std::move(line));
+  if (hasAction) return parseAction(object, std::move(line));
+  return fail("a line needs \"type\" (an event) or \"action\" (a host action)");
+}
+
+}  // namespace kltce
