@@ -5,20 +5,6 @@
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
 
-namespace {
-
-bool isWord(const KLTValue& v, const char* word) {
-  const std::string* s = klt::stringPtr(v);
-  return s && *s == word;
-}
-
-bool identifierEquals(const std::string& identifier, const KLTValue& name) {
-  const std::string* s = klt::stringPtr(name);
-  return s && *s == identifier;
-}
-
-}  // namespace
-
 KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()> handler)
     : completionHandler(std::move(handler)),
       _activity(klt::valueForKey(data, kKLTActivity)),
@@ -41,20 +27,20 @@ std::shared_ptr<KLTCECondition> KLTCECondition::create(const KLTValue& data, std
 void KLTCECondition::arm() {
   auto& controller = KLTController::sharedController();
   auto self = shared_from_this();
-  if (isWord(_eventType, kKLTAppEvent)) {
+  if (klt::isText(_eventType, kKLTAppEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, _details.name()), self);
-  } else if (isWord(_eventType, kKLTClientEvent)) {
+  } else if (klt::isText(_eventType, kKLTClientEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeClient, _details.name()), self);
-  } else if (isWord(_eventType, kKLTActivityEvent)) {
+  } else if (klt::isText(_eventType, kKLTActivityEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeActivity, _activity), self);
-  } else if (isWord(_eventType, kKLTIdleTime)) {
+  } else if (klt::isText(_eventType, kKLTIdleTime)) {
     checkingIdleTime = true;
     startTimer();
     // Registered only once the timer is done, so no event can interrupt the idle wait itself.
     controller.registerForEventWithType(kKLTEventCodeActivity, self);
     controller.registerForEventWithType(kKLTEventCodePresence, self);
     controller.registerForEventWithType(kKLTEventCodeApp, self);
-  } else if (isWord(_eventType, kKLTActivityTime)) {
+  } else if (klt::isText(_eventType, kKLTActivityTime)) {
     startTimer();
   }
 }
@@ -104,7 +90,7 @@ void KLTCECondition::handleEvent(const KLTEvent& event) {
     case kKLTEventCodeActivity:
       if (checkingIdleTime) cancelIdleTimeTimer();
       // Activity events count on their name alone.
-      if (identifierEquals(event.identifier, _activity)) countAndCheck();
+      if (klt::isText(_activity, event.identifier)) countAndCheck();
       break;
     case kKLTEventCodePresence:
       if (checkingIdleTime) cancelIdleTimeTimer();
@@ -112,7 +98,7 @@ void KLTCECondition::handleEvent(const KLTEvent& event) {
     case kKLTEventCodeApp:
     case kKLTEventCodeClient:
       if (checkingIdleTime) cancelIdleTimeTimer();
-      if (identifierEquals(event.identifier, _details.name()) &&
+      if (klt::isText(_details.name(), event.identifier) &&
           KLTCEUtility::doesEventAttributes(event.additionalInfo, _details.additionalInfo())) {
         countAndCheck();
       }

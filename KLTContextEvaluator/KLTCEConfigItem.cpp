@@ -7,15 +7,6 @@
 #include "host/KLTController.h"
 #include "platform/KLTLog.h"
 
-namespace {
-
-bool isWord(const KLTValue& v, const char* word) {
-  const std::string* s = klt::stringPtr(v);
-  return s && *s == word;
-}
-
-}  // namespace
-
 KLTCEConfigItem::KLTCEConfigItem(Token, const KLTValue& config, std::string identifier) : _id(std::move(identifier)) {
   _frequency = std::make_unique<KLTCEFrequency>(klt::valueForKey(config, kKLTFrequency), _id);
   if (klt::boolValue(klt::valueForKey(config, kKLTTimeLimitsInDay))) {
@@ -121,14 +112,14 @@ void KLTCEConfigItem::updateFrequencyForConfigItemWithIdentifier(const std::stri
 void KLTCEConfigItem::dispatchEventWithType(const KLTValue& type) {
   std::shared_ptr<KLTDisplayEvent> event;
   const KLTValue& entry = klt::valueForKey(_meta, _id);
-  if (isWord(type, kKLTSurvey)) {
+  if (klt::isText(type, kKLTSurvey)) {
     event = std::make_shared<KLTSurveyEvent>();
     event->setInfo(_id, kKLTID);
-  } else if (isWord(type, kKLTInApp)) {
+  } else if (klt::isText(type, kKLTInApp)) {
     event = std::make_shared<KLTInAppEvent>();
     event->setInfo(_id, kKLTID);
     event->setInfo(kKLTInApp, kKLTType);
-  } else if (isWord(type, kKLTInLine)) {
+  } else if (klt::isText(type, kKLTInLine)) {
     event = std::make_shared<KLTInlineEvent>();
     event->setInfo(_id, kKLTID);
     event->setInfo(klt::valueForKey(entry, kKLTType), kKLTType);

@@ -5,15 +5,6 @@
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
 
-namespace {
-
-bool isWord(const KLTValue& v, const char* word) {
-  const std::string* s = klt::stringPtr(v);
-  return s && *s == word;
-}
-
-}  // namespace
-
 KLTCECountConfig::KLTCECountConfig(const KLTValue& data)
     : _count(klt::integerValue(klt::valueForKey(data, kKLTCount))), _operator(klt::valueForKey(data, kKLTOperator)) {}
 
@@ -34,11 +25,11 @@ KLTCETrigger::KLTCETrigger(Token, const KLTValue& data, std::function<void()> ha
 std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::function<void()> handler) {
   auto trigger = std::make_shared<KLTCETrigger>(Token{}, data, std::move(handler));
   auto& controller = KLTController::sharedController();
-  if (isWord(trigger->_eventType, kKLTAppEvent)) {
+  if (klt::isText(trigger->_eventType, kKLTAppEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, trigger->_details.name()), trigger);
-  } else if (isWord(trigger->_eventType, kKLTActivityEvent)) {
+  } else if (klt::isText(trigger->_eventType, kKLTActivityEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeActivity, trigger->_activity), trigger);
-  } else if (isWord(trigger->_eventType, kKLTAppStart)) {
+  } else if (klt::isText(trigger->_eventType, kKLTAppStart)) {
     // Fires while its condition is being built; the condition builds its trigger last for this.
     if (trigger->completionHandler) trigger->completionHandler();
   }

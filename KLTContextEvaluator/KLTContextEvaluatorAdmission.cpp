@@ -23,11 +23,6 @@ constexpr std::string_view kVersion = "ver";
 constexpr std::string_view kRestrictionValue = "val";
 constexpr std::string_view kRestrictionOperator = "op";
 
-bool isText(const KLTValue& v, std::string_view text) {
-  const std::string* s = klt::stringPtr(v);
-  return s != nullptr && *s == text;
-}
-
 // Every rule of the list holds against the host's attributes; the first that fails ends the scan.
 bool attributesMatch(const KLTValue& rules, const std::shared_ptr<const KLTValue>& existing) {
   static const KLTValue kNoAttributes;
@@ -54,7 +49,7 @@ bool withinValidity(const KLTValue& validity) {
 // The message of the first structural fault of one condition, or nullptr when it has none.
 const char* conditionFault(const KLTValue& condition) {
   const KLTValue& combine = klt::valueForKey(condition, kKLTCombineOperator);
-  if (!isText(combine, kKLTOr) && !isText(combine, kKLTAnd)) return "Improper combine operator";
+  if (!klt::isText(combine, kKLTOr) && !klt::isText(combine, kKLTAnd)) return "Improper combine operator";
   const KLTValue& details = klt::valueForKey(condition, kKLTDetails);
   if (!klt::isDictionary(details)) return "Invalid details format";
   if (!klt::isDictionary(klt::valueForKey(details, kKLTAdditionalInfo))) return "Invalid additional info format";
@@ -78,7 +73,7 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const {
 
   const KLTValue& audience = klt::valueForKey(config, kKLTAudience);
   const KLTValue& hardware = klt::valueForKey(audience, kHardware);
-  if (!hardware.is_null() && !isText(klt::valueForKey(hardware, kRestrictionValue), KLTUtilities::deviceName())) {
+  if (!hardware.is_null() && !klt::isText(klt::valueForKey(hardware, kRestrictionValue), KLTUtilities::deviceName())) {
     KLT_LOG_ERROR(kMethod, "Hardware Model check failed");
     return false;
   }
@@ -91,7 +86,7 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const {
     return false;
   }
 
-  if (isText(klt::valueForKey(audience, kKLTAudienceType), kKLTFTU) && !KLTUtilities::isFirstSession()) {
+  if (klt::isText(klt::valueForKey(audience, kKLTAudienceType), kKLTFTU) && !KLTUtilities::isFirstSession()) {
     KLT_LOG_ERROR(kMethod, "FTU condition failed");
     return false;
   }

@@ -284,6 +284,10 @@ const KLTValue& valueForKey(const KLTValue& dict, std::string_view key) {
   return it == dict.end() ? nullValue() : *it;
 }
 
+bool isText(const KLTValue& v, std::string_view text) {
+  return v.is_string() && v.get_ref<const std::string&>() == text;
+}
+
 const std::string* stringPtr(const KLTValue& v) { return v.is_string() ? v.get_ptr<const std::string*>() : nullptr; }
 
 KLTValue makeDate(KLTTimePoint t) {

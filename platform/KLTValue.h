@@ -73,6 +73,8 @@ std::string textForm(const KLTValue& v);
 // --- Access ---------------------------------------------------------------------------------
 // The value under key when dict is a dictionary holding it; a null value otherwise. Never inserts.
 const KLTValue& valueForKey(const KLTValue& dict, std::string_view key);
+// Whether v is a string equal to text (exact bytes). The test every operator and type word uses.
+bool isText(const KLTValue& v, std::string_view text);
 // The string when v is one; nullptr otherwise. The pointer lives as long as v is unchanged.
 const std::string* stringPtr(const KLTValue& v);
 
