@@ -67,10 +67,10 @@ void KLTCEConfigItem::buildConditions(const KLTValue& config) {
 
 void KLTCEConfigItem::loadItemAtPosition(std::size_t position, const std::shared_ptr<const ConditionList>& conditions) {
   if (position != conditions->size()) {
-    // The item keeps no reference to the condition: its registrations and callbacks keep it alive.
-    KLTCECondition::create((*conditions)[position], [self = shared_from_this(), conditions, position] {
+    auto condition = KLTCECondition::create((*conditions)[position], [self = shared_from_this(), conditions, position] {
       self->loadItemAtPosition(position + 1, conditions);
     });
+    sequenceConditions.push_back(std::move(condition));
     return;
   }
   if (_timeLimits && !_timeLimits->currentTimeBetweenLimits()) {

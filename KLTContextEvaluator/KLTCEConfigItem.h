@@ -68,4 +68,7 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
   std::unique_ptr<KLTCETimeLimits> _timeLimits;
   std::vector<std::shared_ptr<KLTCECondition>> _conditions;
   KLTValue _meta;
+  // Sequence mode: every condition built so far. Nothing reads them here; holding them keeps a
+  // condition that never registered with the host (a timer) reachable for the life of the item.
+  std::vector<std::shared_ptr<KLTCECondition>> sequenceConditions;
 };
