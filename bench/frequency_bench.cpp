@@ -16,7 +16,6 @@
 #include "KLTContextEvaluator/KLTCEFrequency.h"
 #include "platform/KLTStoreFiles.h"
 #include "platform/KLTUserDefaults.h"
-#include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
 
 namespace {
@@ -29,37 +28,22 @@ KLTValue frequencyDoc(int i) {
   return KLTValue{{"validity", i % 4 == 0 ? "SESSION" : "OVERALL"}, {"count", 5}, {"ses_lmt", 3}, {"day_lmt", i % 2}};
 }
 
-// A temporary store file holding 1,000 records, installed as the standard store, with a virtual
-// clock and a quiet log, for the lifetime of the fixture.
+// The scripted host's temporary store, filled with 1,000 records and read back from its file as at
+// app start, with the host's virtual clock and a quiet log, for the lifetime of the fixture.
 class PersistedStore {
  public:
-  PersistedStore() : capture_(2), clock_(std::make_shared<KLTVirtualClock>()), previousClock_(KLTClock::setCurrent(clock_)) {
-    path_ = dir_.path() / "store.kltstore";
-    reopen();
+  PersistedStore() {
     for (int i = 0; i < kRecords; ++i) {
       KLTCEFrequency f(frequencyDoc(i), idOf(i));
       f.updateFrequencyForIdentifier(idOf(i));
     }
-    reopen();  // read back from the file, as at app start
+    host_.reopenStore();
   }
-  ~PersistedStore() {
-    KLTUserDefaults::setStandardUserDefaults(nullptr);
-    KLTClock::setCurrent(previousClock_);
-  }
-  void reopen() {
-    store_ = std::make_shared<KLTUserDefaults>(path_);
-    KLTUserDefaults::setStandardUserDefaults(store_);
-  }
-  const std::filesystem::path& path() const { return path_; }
-  KLTUserDefaults& store() { return *store_; }
+  const std::filesystem::path& path() const { return host_.storePath(); }
+  KLTUserDefaults& store() { return *host_.store(); }
 
  private:
-  KLTTempDir dir_;
-  KLTScopedLogCapture capture_;
-  std::shared_ptr<KLTVirtualClock> clock_;
-  std::shared_ptr<KLTClock> previousClock_;
-  std::filesystem::path path_;
-  std::shared_ptr<KLTUserDefaults> store_;
+  KLTTestHost host_{2};
 };
 
 void BM_Construct1000Caps(benchmark::State& state) {
