@@ -25,13 +25,13 @@ void KLTContextEvaluator::parseConfiguration(KLTValue document) {
 void KLTContextEvaluator::parseTask(const KLTValue& document) {
   const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);
   if (!configs.is_array() || configs.empty()) return;
-  std::vector<const KLTValue*> sorted;
+  // Each priority is read once, not at every comparison.
+  std::vector<std::pair<int64_t, const KLTValue*>> sorted;
   sorted.reserve(configs.size());
-  for (const auto& config : configs) sorted.push_back(&config);
+  for (const auto& config : configs) sorted.emplace_back(priorityOf(config), &config);
   // Highest priority first; equal priorities keep their document order.
-  std::stable_sort(sorted.begin(), sorted.end(),
-                   [](const KLTValue* a, const KLTValue* b) { return priorityOf(*a) > priorityOf(*b); });
-  for (const KLTValue* config : sorted) {
+  std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [priority, config] : sorted) {
     const KLTValue& id = klt::valueForKey(*config, kKLTConfigId);
     if (!checkConfiguration(*config)) {
       KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
