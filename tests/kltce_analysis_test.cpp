@@ -1,5 +1,6 @@
 // Static analysis of campaigns: each row breaks one thing in an otherwise sound campaign and names
-// the one finding it must produce.
+// the one finding it must produce (or none). The findings of tests/data/kltce/flawed.json are
+// checked end to end in kltce_tool.cmake.
 #include "tools/kltce/analysis.h"
 
 #include <functional>
@@ -41,21 +42,9 @@ TEST(KltceAnalysis, EachFlawGivesItsFinding) {
   auto c0 = [](KLTValue& c) -> KLTValue& { return c["conditions"][0]; };
   const Case cases[] = {
       {"sound campaign", [](KLTValue&) {}, nullptr, Severity::Warning, ""},
-      {"missing _id", [](KLTValue& c) { c.erase("_id"); }, "_id", Severity::Error, "no _id"},
-      {"numeric _id", [](KLTValue& c) { c["_id"] = 7; }, "_id", Severity::Error, "not text"},
-      {"unknown meta type", [](KLTValue& c) { c["meta"]["type"] = "POPUP"; }, "meta.type", Severity::Warning, "\"POPUP\""},
       {"no meta", [](KLTValue& c) { c.erase("meta"); }, "meta.type", Severity::Warning, "never dispatched"},
-      {"lower-case meta type", [](KLTValue& c) { c["meta"]["type"] = "in_app"; }, "meta.type", Severity::Warning, "never"},
-      {"window over midnight", [](KLTValue& c) { c["time_limits"] = {{"start_time", "22:00"}, {"end_time", "02:00"}}; },
-       "time_limits", Severity::Warning, "never opens"},
-      {"window of no length", [](KLTValue& c) { c["time_limits"] = {{"start_time", "10:15"}, {"end_time", "10:15"}}; },
-       "time_limits", Severity::Warning, "never opens"},
-      {"window end missing reads 00:00", [](KLTValue& c) { c["time_limits"].erase("end_time"); }, "time_limits",
-       Severity::Warning, "never opens"},
       {"window of one minute opens", [](KLTValue& c) { c["time_limits"] = {{"start_time", "10:15"}, {"end_time", "10:16"}}; },
        nullptr, Severity::Warning, ""},
-      {"end 24:00 opens", [](KLTValue& c) { c["time_limits"] = {{"start_time", "23:59"}, {"end_time", "24:00"}}; }, nullptr,
-       Severity::Warning, ""},
       {"bad window ignored when the flag is off",
        [](KLTValue& c) {
          c["time_limits_in_day"] = false;
@@ -72,21 +61,11 @@ TEST(KltceAnalysis, EachFlawGivesItsFinding) {
        nullptr, Severity::Warning, ""},
       {"condition without time_bounds", [&](KLTValue& c) { c0(c).erase("time_bounds"); }, "conditions[0]", Severity::Warning,
        "no time_bounds"},
-      {"condition bounds reversed", [&](KLTValue& c) { c0(c)["time_bounds"] = {{"lower", 5}, {"upper", 4}}; },
-       "conditions[0].time_bounds", Severity::Warning, "above upper"},
-      {"condition bounds before the start date", [&](KLTValue& c) { c0(c)["time_bounds"] = {{"lower", 0}, {"upper", 1767225599999}}; },
-       "conditions[0].time_bounds", Severity::Warning, "before the campaign's start_date"},
       {"bounds ending at the start instant hold", [&](KLTValue& c) { c0(c)["time_bounds"] = {{"lower", 0}, {"upper", 1767225600000}}; },
        nullptr, Severity::Warning, ""},
-      {"condition without count_config", [&](KLTValue& c) { c0(c).erase("count_config"); }, "conditions[0]", Severity::Warning,
-       "no count_config operator"},
-      {"count without operator", [&](KLTValue& c) { c0(c)["count_config"].erase("operator"); }, "conditions[0]",
-       Severity::Warning, "no count_config operator"},
       {"unknown count operator", [&](KLTValue& c) { c0(c)["count_config"]["operator"] = "gte"; }, "conditions[0].count_config",
        Severity::Warning, "\"gte\""},
       {"count LT 1 never holds", [&](KLTValue& c) { c0(c)["count_config"] = {{"count", 1}, {"operator", "LT"}}; },
-       "conditions[0].count_config", Severity::Warning, "never holds"},
-      {"count EQ 0 never holds", [&](KLTValue& c) { c0(c)["count_config"] = {{"count", 0}, {"operator", "EQ"}}; },
        "conditions[0].count_config", Severity::Warning, "never holds"},
       {"count LT 2 holds once", [&](KLTValue& c) { c0(c)["count_config"] = {{"count", 2}, {"operator", "LT"}}; }, nullptr,
        Severity::Warning, ""},
@@ -96,30 +75,11 @@ TEST(KltceAnalysis, EachFlawGivesItsFinding) {
        "no details.name"},
       {"activity condition without activity", [&](KLTValue& c) { c0(c)["event_type"] = "activity_event"; }, "conditions[0]",
        Severity::Warning, "without \"activity\""},
-      {"client_event trigger", [&](KLTValue& c) { c0(c)["trigger"]["event_type"] = "client_event"; }, "conditions[0].trigger",
-       Severity::Warning, "never fires on client_event"},
-      {"unknown trigger type", [&](KLTValue& c) { c0(c)["trigger"]["event_type"] = "push"; }, "conditions[0].trigger",
-       Severity::Warning, "never fires"},
-      {"trigger without time_bounds", [&](KLTValue& c) { c0(c)["trigger"].erase("time_bounds"); }, "conditions[0].trigger",
-       Severity::Warning, "no time_bounds"},
       {"app_start trigger needs no bounds",
        [&](KLTValue& c) {
          c0(c)["trigger"] = {{"event_type", "app_start"}, {"details", {{"additional_info", KLTValue::object()}}}};
        },
        nullptr, Severity::Warning, ""},
-      {"negative idle time blocks the queue",
-       [&](KLTValue& c) {
-         c0(c) = {{"event_type", "idle_time"}, {"details", {{"additional_info", {{"time", -5000}}}}}, {"combine_operator", "AND"},
-                  {"trigger", {{"event_type", "app_start"}, {"details", {{"additional_info", KLTValue::object()}}}}}};
-       },
-       "conditions[0].details.additional_info.time", Severity::Error, "blocks the engine's queue"},
-      {"negative activity time given as text",
-       [&](KLTValue& c) {
-         c0(c) = {{"event_type", "activity_time"}, {"details", {{"additional_info", {{"time", "-1000"}}}}},
-                  {"combine_operator", "AND"},
-                  {"trigger", {{"event_type", "app_start"}, {"details", {{"additional_info", KLTValue::object()}}}}}};
-       },
-       "conditions[0].details.additional_info.time", Severity::Error, "-1000"},
       {"-999 ms truncates to a zero interval",
        [&](KLTValue& c) {
          c0(c) = {{"event_type", "idle_time"}, {"details", {{"additional_info", {{"time", -999}}}}}, {"combine_operator", "AND"},
