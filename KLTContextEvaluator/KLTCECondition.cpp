@@ -5,7 +5,7 @@
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
 
-KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()> handler)
+KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()> handler, KLTCEDecisionSource source)
     : completionHandler(std::move(handler)),
       _activity(klt::valueForKey(data, kKLTActivity)),
       _eventType(klt::valueForKey(data, kKLTEventType)),
@@ -14,19 +14,23 @@ KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()
       _timeBounds(klt::valueForKey(data, kKLTTimeBounds)),
       _countConfig(klt::valueForKey(data, kKLTCountConfig)),
       _ruleType(klt::valueForKey(data, kKLTRuleType)),
-      _combineOperator(klt::valueForKey(data, kKLTCombineOperator)) {}
+      _combineOperator(klt::valueForKey(data, kKLTCombineOperator)),
+      decisionSource(std::move(source)) {}
 
-std::shared_ptr<KLTCECondition> KLTCECondition::create(const KLTValue& data, std::function<void()> handler) {
-  auto condition = std::make_shared<KLTCECondition>(Token{}, data, std::move(handler));
+std::shared_ptr<KLTCECondition> KLTCECondition::create(const KLTValue& data, std::function<void()> handler,
+                                                       KLTCEDecisionSource source) {
+  auto condition = std::make_shared<KLTCECondition>(Token{}, data, std::move(handler), std::move(source));
   // The trigger comes last: an "app_start" trigger arms the condition inside its own construction,
   // and arming must find every other field set. Its callback holds the condition for good.
-  condition->_trigger = KLTCETrigger::create(klt::valueForKey(data, kKLTTrigger), [condition] { condition->arm(); });
+  condition->_trigger =
+      KLTCETrigger::create(klt::valueForKey(data, kKLTTrigger), [condition] { condition->arm(); }, condition->decisionSource);
   return condition;
 }
 
 void KLTCECondition::arm() {
   auto& controller = KLTController::sharedController();
   auto self = shared_from_this();
+  KLTCEDecisions::conditionArmed(decisionSource, *this);
   if (klt::isText(_eventType, kKLTAppEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, _details.name()), self);
   } else if (klt::isText(_eventType, kKLTClientEvent)) {
@@ -57,6 +61,7 @@ void KLTCECondition::startTimer() {
 
 void KLTCECondition::timeElapsed() {
   _satisfied = true;
+  KLTCEDecisions::timerEnded(decisionSource, *this);
   if (completionHandler) completionHandler();
 }
 
@@ -72,12 +77,15 @@ void KLTCECondition::onEvent(std::shared_ptr<const KLTEvent> event) {
       [self = shared_from_this(), event = std::move(event)] { self->handleEvent(*event); });
 }
 
-void KLTCECondition::countAndCheck() {
+void KLTCECondition::countAndCheck(const KLTEvent& event) {
   // Counted before the checks, so events outside the time bounds still count.
   ++count;
-  if (KLTCEUtility::checkValue(count, _countConfig.count(), _countConfig.operatorWord()) &&
-      KLTCEUtility::checkGivenTime(KLTController::sharedController().currentSDKTimeInMillis(), _timeBounds.lower(),
-                                   _timeBounds.upper())) {
+  // The host time is read only when the count holds, as before records existed.
+  const bool countHeld = KLTCEUtility::checkValue(count, _countConfig.count(), _countConfig.operatorWord());
+  const bool completed = countHeld && KLTCEUtility::checkGivenTime(KLTController::sharedController().currentSDKTimeInMillis(),
+                                                                   _timeBounds.lower(), _timeBounds.upper());
+  KLTCEDecisions::eventCounted(decisionSource, *this, event, countHeld, completed);
+  if (completed) {
     _satisfied = true;
     if (completionHandler) completionHandler();
   }
@@ -90,7 +98,7 @@ void KLTCECondition::handleEvent(const KLTEvent& event) {
     case kKLTEventCodeActivity:
       if (checkingIdleTime) cancelIdleTimeTimer();
       // Activity events count on their name alone.
-      if (klt::isText(_activity, event.identifier)) countAndCheck();
+      if (klt::isText(_activity, event.identifier)) countAndCheck(event);
       break;
     case kKLTEventCodePresence:
       if (checkingIdleTime) cancelIdleTimeTimer();
@@ -100,7 +108,7 @@ void KLTCECondition::handleEvent(const KLTEvent& event) {
       if (checkingIdleTime) cancelIdleTimeTimer();
       if (klt::isText(_details.name(), event.identifier) &&
           KLTCEUtility::doesEventAttributes(event.additionalInfo, _details.additionalInfo())) {
-        countAndCheck();
+        countAndCheck(event);
       }
       break;
     default:

@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 
+#include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "KLTContextEvaluator/KLTCETrigger.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTRunLoop.h"
@@ -27,8 +28,9 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
  public:
   // Builds the condition from one element of a configuration's `conditions` list (any value), its
   // trigger last: an "app_start" trigger arms the condition before create() returns. Call on the
-  // evaluator's serial queue.
-  static std::shared_ptr<KLTCECondition> create(const KLTValue& data, std::function<void()> completionHandler);
+  // evaluator's serial queue. source names the campaign and position in decision records.
+  static std::shared_ptr<KLTCECondition> create(const KLTValue& data, std::function<void()> completionHandler,
+                                                KLTCEDecisionSource source = {});
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
@@ -57,13 +59,13 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   struct Token {};
 
  public:
-  KLTCECondition(Token, const KLTValue& data, std::function<void()> completionHandler);
+  KLTCECondition(Token, const KLTValue& data, std::function<void()> completionHandler, KLTCEDecisionSource source);
 
  private:
   void arm();
   void startTimer();
   void handleEvent(const KLTEvent& event);
-  void countAndCheck();
+  void countAndCheck(const KLTEvent& event);
 
   int64_t count = 0;
   bool checkingIdleTime = false;
@@ -79,4 +81,5 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   std::shared_ptr<KLTCETrigger> _trigger;
   KLTValue _ruleType;
   KLTValue _combineOperator;
+  KLTCEDecisionSource decisionSource;
 };

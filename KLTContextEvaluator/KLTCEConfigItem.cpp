@@ -52,30 +52,30 @@ void KLTCEConfigItem::buildConditions(const KLTValue& config) {
     std::stable_sort(sorted->begin(), sorted->end(), [](const KLTValue& a, const KLTValue& b) {
       return klt::integerValue(klt::valueForKey(a, kKLTSequence)) < klt::integerValue(klt::valueForKey(b, kKLTSequence));
     });
+    KLTCEDecisions::itemBuilt(*this, *sorted, true);
     loadItemAtPosition(0, sorted);
     return;
   }
+  KLTCEDecisions::itemBuilt(*this, conditions, false);
   if (!conditions.is_array()) return;
   auto self = shared_from_this();
   for (const KLTValue& data : conditions) {
-    // A condition can complete inside its own construction (an "app_start" timer); the fold then
-    // sees only the conditions appended so far.
-    auto condition = KLTCECondition::create(data, [self] { self->checkAllConditions(); });
-    _conditions.push_back(std::move(condition));
+    // An "app_start" timer can complete inside create(); the fold then sees only the conditions appended so far.
+    const KLTCEDecisionSource source{_id, static_cast<int64_t>(_conditions.size())};
+    _conditions.push_back(KLTCECondition::create(data, [self] { self->checkAllConditions(); }, source));
   }
 }
 
 void KLTCEConfigItem::loadItemAtPosition(std::size_t position, const std::shared_ptr<const ConditionList>& conditions) {
   if (position != conditions->size()) {
-    auto condition = KLTCECondition::create((*conditions)[position], [self = shared_from_this(), conditions, position] {
-      self->loadItemAtPosition(position + 1, conditions);
-    });
-    sequenceConditions.push_back(std::move(condition));
+    const KLTCEDecisionSource source{_id, static_cast<int64_t>(position)};
+    auto next = [self = shared_from_this(), conditions, position] { self->loadItemAtPosition(position + 1, conditions); };
+    sequenceConditions.push_back(KLTCECondition::create((*conditions)[position], std::move(next), source));
     return;
   }
   if (_timeLimits && !_timeLimits->currentTimeBetweenLimits()) {
     KLT_LOG_DEBUG("-[KLTCEConfigItem loadItemAtPosition:inConditions:]", "Current time outside limits");
-    return;
+    return KLTCEDecisions::windowClosed(*this);
   }
   KLT_LOG_DEBUG("-[KLTCEConfigItem loadItemAtPosition:inConditions:]", "*** Sequence Message conditions Satisfied ***");
   // A sequence campaign is dispatched without the cap check.
@@ -89,10 +89,10 @@ void KLTCEConfigItem::checkAllConditions() {
   for (std::size_t i = 1; i < _conditions.size(); ++i) {
     result = KLTCEUtility::evaluateConditionStatus(result, _conditions[i]->satisfied(), _conditions[i]->combineOperator());
   }
-  if (!result) return;
+  if (!KLTCEDecisions::foldEvaluated(*this, result)) return;
   if (_timeLimits && !_timeLimits->currentTimeBetweenLimits()) {
     KLT_LOG_DEBUG("-[KLTCEConfigItem checkAllConditions]", "Current time outside limits");
-    return;
+    return KLTCEDecisions::windowClosed(*this);
   }
   if (!checkCountAndValidity()) return;
   KLT_LOG_DEBUG("-[KLTCEConfigItem checkAllConditions]", "*** Message conditions Satisfied ***");
@@ -102,11 +102,13 @@ void KLTCEConfigItem::checkAllConditions() {
 bool KLTCEConfigItem::checkCountAndValidity() {
   const bool allowed = _frequency->checkValidityAndCountForIdentifier(_id);
   if (!allowed) KLT_LOG_INFO("-[KLTCEConfigItem checkCountAndValidity]", "Action count limit exceeded");
+  if (!allowed) KLTCEDecisions::capBlocked(*this);
   return allowed;
 }
 
 void KLTCEConfigItem::updateFrequencyForConfigItemWithIdentifier(const std::string& identifier) {
   _frequency->updateFrequencyForIdentifier(identifier);
+  KLTCEDecisions::displayCounted(*this, identifier);
 }
 
 void KLTCEConfigItem::dispatchEventWithType(const KLTValue& type) {
@@ -127,5 +129,6 @@ void KLTCEConfigItem::dispatchEventWithType(const KLTValue& type) {
   } else {
     return;  // unknown display type: nothing is dispatched
   }
+  KLTCEDecisions::dispatched(*this, *event);
   KLTController::sharedController().dispatchEvent(std::move(event));
 }

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCECondition.h"
+#include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "KLTContextEvaluator/KLTCEFrequency.h"
 #include "platform/KLTValue.h"
 

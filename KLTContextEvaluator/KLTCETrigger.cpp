@@ -15,15 +15,17 @@ KLTCETimeBounds::KLTCETimeBounds(const KLTValue& data)
 KLTCEDetails::KLTCEDetails(const KLTValue& data)
     : _name(klt::valueForKey(data, kKLTName)), _additionalInfo(klt::valueForKey(data, kKLTAdditionalInfo)) {}
 
-KLTCETrigger::KLTCETrigger(Token, const KLTValue& data, std::function<void()> handler)
+KLTCETrigger::KLTCETrigger(Token, const KLTValue& data, std::function<void()> handler, KLTCEDecisionSource source)
     : completionHandler(std::move(handler)),
       _activity(klt::valueForKey(data, kKLTActivity)),
       _eventType(klt::valueForKey(data, kKLTEventType)),
       _details(klt::valueForKey(data, kKLTDetails)),
-      _timeBounds(klt::valueForKey(data, kKLTTimeBounds)) {}
+      _timeBounds(klt::valueForKey(data, kKLTTimeBounds)),
+      decisionSource(std::move(source)) {}
 
-std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::function<void()> handler) {
-  auto trigger = std::make_shared<KLTCETrigger>(Token{}, data, std::move(handler));
+std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::function<void()> handler,
+                                                   KLTCEDecisionSource source) {
+  auto trigger = std::make_shared<KLTCETrigger>(Token{}, data, std::move(handler), std::move(source));
   auto& controller = KLTController::sharedController();
   if (klt::isText(trigger->_eventType, kKLTAppEvent)) {
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, trigger->_details.name()), trigger);
@@ -31,6 +33,7 @@ std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::fu
     controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeActivity, trigger->_activity), trigger);
   } else if (klt::isText(trigger->_eventType, kKLTAppStart)) {
     // Fires while its condition is being built; the condition builds its trigger last for this.
+    KLTCEDecisions::triggerFired(trigger->decisionSource, *trigger, nullptr);
     if (trigger->completionHandler) trigger->completionHandler();
   }
   // Any other type (a client event included) never fires.
@@ -49,12 +52,14 @@ void KLTCETrigger::handleEvent(const KLTEvent& event) {
   switch (event.eventType) {
     case kKLTEventCodeActivity:
       if (KLTCEUtility::checkGivenTime(now(), _timeBounds.lower(), _timeBounds.upper()) && completionHandler) {
+        KLTCEDecisions::triggerFired(decisionSource, *this, &event);
         completionHandler();
       }
       break;
     case kKLTEventCodeApp:
       if (KLTCEUtility::doesDictionary(event.additionalInfo, _details.additionalInfo()) &&
           KLTCEUtility::checkGivenTime(now(), _timeBounds.lower(), _timeBounds.upper()) && completionHandler) {
+        KLTCEDecisions::triggerFired(decisionSource, *this, &event);
         completionHandler();
       }
       break;

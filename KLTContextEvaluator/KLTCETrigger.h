@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 
+#include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTValue.h"
 
@@ -60,8 +61,10 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
  public:
   // Builds the trigger from a condition's `trigger` object (any value) and registers it with the
   // host; an "app_start" trigger calls completionHandler once before create() returns. Call on the
-  // evaluator's serial queue (or before any event can reach the trigger).
-  static std::shared_ptr<KLTCETrigger> create(const KLTValue& data, std::function<void()> completionHandler);
+  // evaluator's serial queue (or before any event can reach the trigger). source names the
+  // campaign and condition in decision records.
+  static std::shared_ptr<KLTCETrigger> create(const KLTValue& data, std::function<void()> completionHandler,
+                                              KLTCEDecisionSource source = {});
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
@@ -75,7 +78,7 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
   struct Token {};
 
  public:
-  KLTCETrigger(Token, const KLTValue& data, std::function<void()> completionHandler);
+  KLTCETrigger(Token, const KLTValue& data, std::function<void()> completionHandler, KLTCEDecisionSource source);
 
  private:
   void handleEvent(const KLTEvent& event);
@@ -85,4 +88,5 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
   KLTValue _eventType;
   KLTCEDetails _details;
   KLTCETimeBounds _timeBounds;
+  KLTCEDecisionSource decisionSource;
 };

@@ -44,3 +44,12 @@ std::shared_ptr<KLTCEConfigItem> KLTContextEvaluator::configItemForIdentifier(co
   auto it = _configuration.find(identifier);
   return it == _configuration.end() ? nullptr : it->second;
 }
+
+void KLTContextEvaluator::setDecisionObserver(std::shared_ptr<KLTCEDecisionObserver> observer) {
+  // Swapped on the queue, between two tasks: no record is being delivered to the previous observer,
+  // which is released here once the task is done with it.
+  _ceOpsSerialQueue->async([this, observer = std::move(observer)]() mutable {
+    KLTCEDecisions::installed.store(observer.get(), std::memory_order_release);
+    decisionObserver.swap(observer);
+  });
+}

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTSerialQueue.h"
 #include "platform/KLTValue.h"
@@ -49,6 +50,16 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // Whether one configuration is admitted for this device, app version, user, session and date.
   // Logs the reason of a rejection; no other side effect. Any value is accepted.
   bool checkConfiguration(const KLTValue& config) const;
+  // The same check, with the reason of a rejection as data: the step that failed and the values
+  // it compared (see KLTCEDecision.h, Rejected). Logs as checkConfiguration() does. Any thread.
+  KLTCEAdmission admissionOfConfiguration(const KLTValue& config) const;
+
+  // Installs the decision observer (nullptr: none), which then receives a record of every decision
+  // (admission, arming, counting, window, cap, dispatch, display count; see KLTCEDecision.h) on the
+  // serial queue. Takes effect between two tasks of the queue: after every task posted before this
+  // call, before every task posted after it. Returns at once; any thread. The previous observer is
+  // released on the queue after its last record.
+  void setDecisionObserver(std::shared_ptr<KLTCEDecisionObserver> observer);
 
   // The text with its [user_x(default)] and [session_x(default)] placeholders filled; nothing when
   // the text is not a non-empty string. Runs on the caller's thread.
@@ -63,6 +74,9 @@ class KLTContextEvaluator final : public KeltoPlugin {
  private:
   KLTContextEvaluator();
   void parseTask(const KLTValue& document);
+  bool checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const;
+  // The admission check in a parse; reports the admission to the observer when one is installed.
+  bool admitConfiguration(const KLTValue& config, int64_t priority) const;
 
   std::unordered_map<std::string, std::shared_ptr<KLTCEConfigItem>> _configuration;
   // Items dropped from the table by a later parse. Rule objects live for the rest of the process
@@ -70,5 +84,6 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // reachable rather than leaked as unreachable cycles.
   std::vector<std::shared_ptr<KLTCEConfigItem>> retiredItems;
   std::unique_ptr<KLTMacroHelper> macroHelper;
+  std::shared_ptr<KLTCEDecisionObserver> decisionObserver;  // touched on the queue only
   const std::shared_ptr<KLTSerialQueue> _ceOpsSerialQueue;
 };

@@ -65,17 +65,17 @@ const char* conditionFault(const KLTValue& condition) {
 
 }  // namespace
 
-bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const {
+bool KLTContextEvaluator::checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const {
   if (!klt::boolValue(klt::valueForKey(config, kKLTEnabled))) {
     KLT_LOG_DEBUG(kMethod, "Config disabled");
-    return false;
+    return why && why->reject("enabled", "Config disabled", {{"enabled", klt::valueForKey(config, kKLTEnabled)}});
   }
 
   const KLTValue& audience = klt::valueForKey(config, kKLTAudience);
   const KLTValue& hardware = klt::valueForKey(audience, kHardware);
   if (!hardware.is_null() && !klt::isText(klt::valueForKey(hardware, kRestrictionValue), KLTUtilities::deviceName())) {
     KLT_LOG_ERROR(kMethod, "Hardware Model check failed");
-    return false;
+    return why && why->reject("hardware", "Hardware Model check failed", KLTCEAdmissionFacts::hardware(klt::valueForKey(hardware, kRestrictionValue)));
   }
 
   const KLTValue& version = klt::valueForKey(audience, kVersion);
@@ -83,57 +83,65 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const {
       !KLTCEUtility::checkGivenVersion(klt::textForm(klt::valueForKey(version, kRestrictionValue)),
                                        klt::valueForKey(version, kRestrictionOperator))) {
     KLT_LOG_ERROR(kMethod, "Version check failed");
-    return false;
+    return why && why->reject("version", "Version check failed", KLTCEAdmissionFacts::version(klt::valueForKey(version, kRestrictionValue), klt::valueForKey(version, kRestrictionOperator)));
   }
 
   if (klt::isText(klt::valueForKey(audience, kKLTAudienceType), kKLTFTU) && !KLTUtilities::isFirstSession()) {
     KLT_LOG_ERROR(kMethod, "FTU condition failed");
-    return false;
+    return why && why->reject("first_session", "FTU condition failed", {{"audience_type", kKLTFTU}, {"first_session", false}});
   }
 
   const KLTValue& attributes = klt::valueForKey(audience, kKLTAttributes);
   const KLTValue& userRules = klt::valueForKey(attributes, kKLTUser);
   if (!klt::isList(userRules)) {
     KLT_LOG_ERROR(kMethod, "Invalid user attrs format");
-    return false;
+    return why && why->reject("user_attributes_format", "Invalid user attrs format", {{"value", userRules}});
   }
   const std::shared_ptr<KLTUser> user = KLTController::sharedController().user();
-  if (!attributesMatch(userRules, user ? user->userAttributes() : nullptr)) {
+  if (const auto existing = user ? user->userAttributes() : nullptr; !attributesMatch(userRules, existing)) {
     KLT_LOG_ERROR(kMethod, "User attributes mismatch");
-    return false;
+    return why && why->reject("user_attributes", "User attributes mismatch", KLTCEAdmissionFacts::mismatch(userRules, existing));
   }
 
   const KLTValue& sessionRules = klt::valueForKey(attributes, kKLTSession);
   if (!klt::isList(sessionRules)) {
     KLT_LOG_ERROR(kMethod, "Invalid session attrs format");
-    return false;
+    return why && why->reject("session_attributes_format", "Invalid session attrs format", {{"value", sessionRules}});
   }
   const std::shared_ptr<KLTSession> session = KLTController::sharedController().session();
-  if (!attributesMatch(sessionRules, session ? session->sessionAttributes() : nullptr)) {
+  if (const auto existing = session ? session->sessionAttributes() : nullptr; !attributesMatch(sessionRules, existing)) {
     KLT_LOG_ERROR(kMethod, "Session attributes mismatch");
-    return false;
+    return why && why->reject("session_attributes", "Session attributes mismatch", KLTCEAdmissionFacts::mismatch(sessionRules, existing));
   }
 
   // Deliberately the only kind test that rejects a kind rather than requiring one.
   const KLTValue& validity = klt::valueForKey(config, kKLTValidity);
   if (klt::isList(validity)) {
     KLT_LOG_ERROR(kMethod, "Invalid validity format");
-    return false;
+    return why && why->reject("validity_format", "Invalid validity format", {{"validity", validity}});
   }
   if (!withinValidity(validity)) {
     KLT_LOG_ERROR(kMethod, "Config doesn't fall in between dates");
-    return false;
+    return why && why->reject("validity_dates", "Config doesn't fall in between dates", KLTCEAdmissionFacts::dates(validity));
   }
 
   // Only a list holds conditions; anything else has none to check.
   const KLTValue& conditions = klt::valueForKey(config, kKLTConditions);
   if (klt::isList(conditions)) {
-    for (const KLTValue& condition : conditions) {
-      if (const char* fault = conditionFault(condition)) {
+    for (std::size_t i = 0; i < conditions.size(); ++i) {
+      if (const char* fault = conditionFault(conditions[i])) {
         KLT_LOG_ERROR(kMethod, fault);
-        return false;
+        return why && why->reject("conditions", fault, {{"condition", i}});
       }
     }
   }
   return true;
+}
+
+bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const { return checkConfiguration(config, nullptr); }
+
+KLTCEAdmission KLTContextEvaluator::admissionOfConfiguration(const KLTValue& config) const {
+  KLTCEAdmission admission;
+  checkConfiguration(config, &admission);
+  return admission;
 }

@@ -33,7 +33,7 @@ void KLTContextEvaluator::parseTask(const KLTValue& document) {
   std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
   for (const auto& [priority, config] : sorted) {
     const KLTValue& id = klt::valueForKey(*config, kKLTConfigId);
-    if (!checkConfiguration(*config)) {
+    if (!admitConfiguration(*config, priority)) {
       KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
                    "Validation failed for config with id: " + klt::textForm(id));
       continue;
@@ -58,4 +58,13 @@ void KLTContextEvaluator::updateCountForConfigWithIdentifier(std::string identif
     if (it == _configuration.end()) return;  // unknown id: nothing to count
     it->second->updateFrequencyForConfigItemWithIdentifier(identifier);
   });
+}
+
+bool KLTContextEvaluator::admitConfiguration(const KLTValue& config, int64_t priority) const {
+  // The reason of a rejection is gathered only for an observer.
+  if (!KLTCEDecisions::observer()) return checkConfiguration(config, nullptr);
+  KLTCEAdmission admission;
+  checkConfiguration(config, &admission);
+  KLTCEDecisions::admission(klt::valueForKey(config, kKLTConfigId), priority, admission);
+  return admission.admitted;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/KLTLog.h"
+#include "tools/kltce/explain.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/replay.h"
 #include "tools/kltce/stream_line.h"
@@ -88,6 +89,23 @@ void BM_KltceReplay_1MEvents(benchmark::State& state) {
   state.counters["displays"] = static_cast<double>(displays);
 }
 BENCHMARK(BM_KltceReplay_1MEvents)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+// The same replay with --explain: every decision recorded, the account and summary written.
+void BM_KltceReplayExplain_1MEvents(benchmark::State& state) {
+  const std::string& text = stream();
+  const auto options = exampleOptions();
+  auto previous = KLTLog::setSink(std::make_shared<NullSink>());
+  for (auto _ : state) {
+    std::istringstream in(text);
+    NullBuffer nothing;
+    std::ostream out(&nothing), err(&nothing);
+    const auto result = kltce::runReplayWithDecisions(options, {true, nullptr}, in, out, err, err);
+    if (result.exitCode != 0 || result.events != static_cast<std::size_t>(kEvents)) state.SkipWithError("replay failed");
+  }
+  KLTLog::setSink(previous);
+  state.SetItemsProcessed(state.iterations() * kEvents);
+}
+BENCHMARK(BM_KltceReplayExplain_1MEvents)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 // Baseline: reading and checking the same lines, without the engine.
 void BM_Baseline_ReadLines_1MEvents(benchmark::State& state) {

@@ -46,6 +46,23 @@ void BM_EventPath(benchmark::State& state) {
 }
 BENCHMARK(BM_EventPath)->Arg(1)->Arg(100)->Arg(1000)->UseRealTime();
 
+// The same path with a decision observer installed that only counts records: the cost of building
+// one record per decision.
+class CountingObserver final : public KLTCEDecisionObserver {
+ public:
+  void onDecision(const KLTCEDecision&) override { ++records; }
+  std::size_t records = 0;
+};
+
+void BM_EventPathObserved(benchmark::State& state) {
+  auto& evaluator = KLTContextEvaluator::sharedInstance();
+  evaluator.setDecisionObserver(std::make_shared<CountingObserver>());
+  BM_EventPath(state);
+  evaluator.setDecisionObserver(nullptr);
+  evaluator.ceOpsSerialQueue()->waitUntilIdle();
+}
+BENCHMARK(BM_EventPathObserved)->Arg(100)->UseRealTime();
+
 // Baseline: the same number of (empty) tasks through the same queue.
 void BM_PostEmptyTasks(benchmark::State& state) {
   auto queue = KLTContextEvaluator::sharedInstance().ceOpsSerialQueue();

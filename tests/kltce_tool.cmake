@@ -34,6 +34,17 @@ set(run_small run|--document|${kltce_data}/campaigns.json|--profile|${kltce_data
 kltce_e2e(example_stream
   ARGS run|--document|${kltce_examples}/campaigns.json|--profile|${kltce_examples}/profile.json|--events|${kltce_examples}/events.jsonl|--fresh
   EXPECT_OUT ${kltce_data}/example.expected.jsonl)
+# --explain leaves standard output as it is and explains on standard error.
+kltce_e2e(example_stream_explained
+  ARGS run|--document|${kltce_examples}/campaigns.json|--profile|${kltce_examples}/profile.json|--events|${kltce_examples}/events.jsonl|--fresh|--explain|--trace|${kltce_scratch}/example.trace.jsonl
+  EXPECT_OUT ${kltce_data}/example.expected.jsonl
+  EXPECT_ERR "summary:
+  welcome_offer    fired 1 time \\(line 3\\); then blocked by the day limit")
+kltce_e2e(why_not_explained
+  ARGS run|--document|${kltce_examples}/why_not.json|--profile|${kltce_examples}/profile.json|--events|${kltce_examples}/events.jsonl|--fresh|--explain
+  EXPECT_OUT ${kltce_data}/empty.expected.jsonl
+  EXPECT_ERR "rate_app      rejected: app 2.4.1 is not GTE 3.2
+  reopen_promo  0 of 1 condition held; never armed: no app_event 'open_app' in the stream")
 kltce_e2e(scripted_stream_from_stdin
   ARGS ${run_small}|--fresh|--auto-shown
   INPUT ${kltce_data}/taps.jsonl EXPECT_OUT ${kltce_data}/taps.expected.jsonl)

@@ -17,6 +17,7 @@
 
 #include "platform/KLTLog.h"
 #include "tools/kltce/check.h"
+#include "tools/kltce/explain.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/macros.h"
 #include "tools/kltce/profile.h"
@@ -83,6 +84,12 @@ int main(int argc, char** argv) {
   auto* tzOpt = run->add_option("--tz", tz, "time zone: IANA name or +HH:MM (default: the profile's, else the system's)");
   auto* startOpt = run->add_option("--start", start, "start time (ISO 8601 or epoch ms; default: the first line's t)");
   run->add_flag("--strict", strict, "stop at the first bad line");
+  bool explain = false;
+  std::string trace, format = "json";
+  run->add_flag("--explain", explain, "after the replay, tell per campaign what the engine decided and why it did not fire (standard error)");
+  auto* traceOpt = run->add_option("--trace", trace, "write every decision record to FILE as JSON Lines");
+  run->add_option("--format", format, "display events as json (JSON Lines, the default) or text (an aligned table)")
+      ->check(CLI::IsMember({"json", "text"}));
 
   auto* check = app.add_subcommand("check", "say which campaigns the profile admits, and what in them can never fire");
   check->add_option("--document", document, "campaign document (JSON)")->required();
@@ -148,7 +155,20 @@ int main(int argc, char** argv) {
     in = &file;
     replayOptions.baseDir = std::filesystem::path(events).parent_path();
   }
-  const kltce::ReplayResult result = kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
+  replayOptions.format = format == "text" ? kltce::DisplayFormat::Text : kltce::DisplayFormat::Json;
+  std::ofstream traceFile;
+  if (traceOpt->count()) {
+    traceFile.open(trace, std::ios::out | std::ios::trunc);
+    if (!traceFile) {
+      std::cerr << "kltce: --trace: cannot write '" << trace << "': " << std::strerror(errno) << '\n';
+      return kExitUsage;
+    }
+  }
+  const kltce::ReplayResult result =
+      explain || traceOpt->count()
+          ? kltce::runReplayWithDecisions(std::move(replayOptions), {explain, traceOpt->count() ? &traceFile : nullptr},
+                                          *in, std::cout, std::cerr, std::cerr)
+          : kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
   if (result.queueBlocked) {
     // The engine's worker never returns; ending normally would wait for it.
     std::cout.flush();

@@ -15,6 +15,7 @@
 #include "platform/KLTLog.h"
 #include "testsupport/KLTVirtualClock.h"
 #include "tools/kltce/analysis.h"
+#include "tools/kltce/display_table.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/stream_line.h"
 #include "tools/kltce/time_text.h"
@@ -128,6 +129,7 @@ class Replay {
       return bad(number, parsed.error);
     }
     StreamLine& l = *parsed.line;
+    if (options_.onLine) options_.onLine(number, l);
     for (const auto& note : l.notes) err_ << "kltce: line " << number << ": note: " << note << '\n';
     host_.setLine(number);
     if (l.time) host_.clock().setNow(*l.time);
@@ -218,7 +220,11 @@ class Replay {
       line["class"] = d.className;
       line["info"] = d.info;
       line["line"] = d.line;
-      out_ << compactJson(line) << '\n';
+      if (options_.format == DisplayFormat::Text) {
+        writeDisplayRow(out_, line, tableStarted_);
+      } else {
+        out_ << compactJson(line) << '\n';
+      }
     }
     out_.flush();
     result.displays += displays.size();
@@ -276,6 +282,7 @@ class Replay {
   std::function<std::chrono::steady_clock::time_point()> realNow_;
   std::chrono::steady_clock::time_point began_, lastProgress_;
   bool progressShown_ = false;
+  bool tableStarted_ = false;
 };
 
 bool writable(const fs::path& path, std::string& why) {

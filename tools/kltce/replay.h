@@ -30,6 +30,11 @@
 
 namespace kltce {
 
+struct StreamLine;
+
+// How display events are written: one JSON object per line, or an aligned table for people.
+enum class DisplayFormat { Json, Text };
+
 struct ReplayOptions {
   KLTValue document;                             // parsed at start-up
   Profile profile;
@@ -43,6 +48,9 @@ struct ReplayOptions {
   std::filesystem::path baseDir;                 // folder against which "file" of a parse line is read
   bool progress = false;                         // write a progress line on err during long replays
   std::function<std::chrono::steady_clock::time_point()> realNow;  // real time for progress; default steady_clock
+  DisplayFormat format = DisplayFormat::Json;
+  // Called with each usable stream line just before it is handled (e.g. to follow decisions).
+  std::function<void(std::size_t line, const StreamLine& parsed)> onLine;
 };
 
 // Exit codes.

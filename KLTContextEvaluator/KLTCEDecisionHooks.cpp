@@ -1,0 +1,274 @@
+// Builders of decision records. Each one runs only when an observer is installed, reads the
+// deciding object (never changes it) and hands one record to the observer.
+#include "KLTContextEvaluator/KLTCEDecisionHooks.h"
+
+#include <cstdio>
+#include <optional>
+
+#include "KLTContextEvaluator/KLTCEConfigItem.h"
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEUtility.h"
+#include "host/KLTController.h"
+#include "host/KLTUtilities.h"
+#include "platform/KLTBundle.h"
+#include "platform/KLTClock.h"
+
+std::atomic<KLTCEDecisionObserver*> KLTCEDecisions::installed{nullptr};
+
+namespace {
+
+std::atomic<uint64_t> sequenceNumber{0};
+
+void deliver(KLTCEDecisionKind kind, std::string campaign, int64_t condition, KLTValue values) {
+  KLTCEDecisionObserver* observer = KLTCEDecisions::observer();
+  if (!observer) return;
+  KLTCEDecision decision{++sequenceNumber, kind, std::move(campaign), condition, std::move(values)};
+  observer->onDecision(decision);
+}
+
+int64_t hostMillis() { return KLTController::sharedController().currentSDKTimeInMillis(); }
+
+std::string hourMinute(int64_t hour, int64_t minute) {
+  char text[48];
+  std::snprintf(text, sizeof text, "%02lld:%02lld", static_cast<long long>(hour), static_cast<long long>(minute));
+  return text;
+}
+
+// The name a rule listens for: the activity for activity events, else the details' name.
+KLTValue ruleName(const KLTValue& eventType, const KLTValue& activity, const KLTValue& details) {
+  return klt::isText(eventType, kKLTActivityEvent) ? activity : klt::valueForKey(details, kKLTName);
+}
+
+KLTValue describeCondition(const KLTValue& data) {
+  const KLTCECountConfig count(klt::valueForKey(data, kKLTCountConfig));
+  const KLTCETimeBounds bounds(klt::valueForKey(data, kKLTTimeBounds));
+  const KLTValue& details = klt::valueForKey(data, kKLTDetails);
+  const KLTValue& eventType = klt::valueForKey(data, kKLTEventType);
+  const KLTValue& trigger = klt::valueForKey(data, kKLTTrigger);
+  const KLTCETimeBounds triggerBounds(klt::valueForKey(trigger, kKLTTimeBounds));
+  const KLTValue& triggerType = klt::valueForKey(trigger, kKLTEventType);
+  return KLTValue{
+      {"event_type", eventType},
+      {"name", ruleName(eventType, klt::valueForKey(data, kKLTActivity), details)},
+      {"count", count.count()},
+      {"operator", count.operatorWord()},
+      {"combine_operator", klt::valueForKey(data, kKLTCombineOperator)},
+      {"lower", bounds.lower()},
+      {"upper", bounds.upper()},
+      {"time", klt::valueForKey(klt::valueForKey(details, kKLTAdditionalInfo), kKLTTime)},
+      {"trigger",
+       {{"event_type", triggerType},
+        {"name", ruleName(triggerType, klt::valueForKey(trigger, kKLTActivity), klt::valueForKey(trigger, kKLTDetails))},
+        {"lower", triggerBounds.lower()},
+        {"upper", triggerBounds.upper()}}}};
+}
+
+// A counter record with its dates as epoch milliseconds, so that it reads as plain JSON.
+KLTValue plainRecord(const KLTValue& record) {
+  KLTValue out = KLTValue::object();
+  if (!record.is_object()) return out;
+  for (const auto& [key, value] : record.items()) {
+    const auto date = klt::dateValue(value);
+    out[key] = date ? KLTValue(KLTClock::epochMillis(*date)) : value;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string_view KLTCEDecisionKindName(KLTCEDecisionKind kind) {
+  switch (kind) {
+    case KLTCEDecisionKind::Admitted: return "admitted";
+    case KLTCEDecisionKind::Rejected: return "rejected";
+    case KLTCEDecisionKind::ItemBuilt: return "item_built";
+    case KLTCEDecisionKind::TriggerFired: return "trigger_fired";
+    case KLTCEDecisionKind::ConditionArmed: return "condition_armed";
+    case KLTCEDecisionKind::TimerEnded: return "timer_ended";
+    case KLTCEDecisionKind::EventCounted: return "event_counted";
+    case KLTCEDecisionKind::FoldEvaluated: return "fold_evaluated";
+    case KLTCEDecisionKind::WindowClosed: return "window_closed";
+    case KLTCEDecisionKind::CapBlocked: return "cap_blocked";
+    case KLTCEDecisionKind::Dispatched: return "dispatched";
+    case KLTCEDecisionKind::DisplayCounted: return "display_counted";
+  }
+  return "unknown";
+}
+
+KLTValue KLTCEDecisionToJson(const KLTCEDecision& decision) {
+  KLTValue out{{"seq", decision.sequence}, {"kind", std::string(KLTCEDecisionKindName(decision.kind))}, {"campaign", decision.campaign}};
+  if (decision.condition >= 0) out["condition"] = decision.condition;
+  out["values"] = decision.values;
+  return out;
+}
+
+bool KLTCEAdmission::reject(std::string_view step, std::string_view message, KLTValue values) {
+  admitted = false;
+  reason = KLTValue{{"step", std::string(step)}, {"message", std::string(message)}};
+  if (values.is_object()) reason.update(values);
+  return false;
+}
+
+void KLTCEDecisions::itemBuilt(const KLTCEConfigItem& item, const KLTValue& conditions, bool sequence) {
+  static const KLTValue::array_t kNone;
+  itemBuilt(item, conditions.is_array() ? conditions.get_ref<const KLTValue::array_t&>() : kNone, sequence);
+}
+
+namespace KLTCEDecisions::detail {
+
+void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& a) {
+  if (a.admitted) {
+    deliver(KLTCEDecisionKind::Admitted, klt::textForm(id), -1, KLTValue{{"priority", priority}});
+  } else {
+    deliver(KLTCEDecisionKind::Rejected, klt::textForm(id), -1, a.reason);
+  }
+}
+
+void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions, bool sequence) {
+  KLTValue list = KLTValue::array();
+  for (const KLTValue& data : conditions) list.push_back(describeCondition(data));
+  KLTValue values{{"mode", sequence ? "sequence" : "combined"}, {"type", item.displayType()}};
+  if (const KLTCETimeLimits* window = item.timeLimits()) {
+    values["window"] = {{"start", hourMinute(window->startTimeHour(), window->startTimeMin())},
+                        {"end", hourMinute(window->endTimeHour(), window->endTimeMin())}};
+  }
+  values["conditions"] = std::move(list);
+  deliver(KLTCEDecisionKind::ItemBuilt, item.identifier(), -1, std::move(values));
+}
+
+void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger, const KLTEvent* event) {
+  KLTValue values{{"trigger", trigger.eventType()}};
+  if (event) {
+    values["code"] = event->eventType;
+    values["name"] = event->identifier;
+    values["time"] = hostMillis();
+  }
+  deliver(KLTCEDecisionKind::TriggerFired, source.campaign, source.condition, std::move(values));
+}
+
+void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
+  const KLTValue& type = condition.eventType();
+  KLTValue values{{"event_type", type}};
+  if (klt::isText(type, kKLTAppEvent)) {
+    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeApp, condition.details().name());
+  } else if (klt::isText(type, kKLTClientEvent)) {
+    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeClient, condition.details().name());
+  } else if (klt::isText(type, kKLTActivityEvent)) {
+    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeActivity, condition.activity());
+  } else if (klt::isText(type, kKLTIdleTime) || klt::isText(type, kKLTActivityTime)) {
+    // The interval as the condition computes it: whole seconds, taken as unsigned.
+    const int64_t millis = klt::integerValue(klt::valueForKey(condition.details().additionalInfo(), kKLTTime));
+    values["timer_seconds"] = static_cast<uint64_t>(millis / 1000);
+    if (klt::isText(type, kKLTIdleTime)) values["event_codes"] = {1, 3, 4};
+  }
+  deliver(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition, std::move(values));
+}
+
+void timerEnded(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
+  deliver(KLTCEDecisionKind::TimerEnded, source.campaign, source.condition,
+          KLTValue{{"event_type", condition.eventType()}, {"time", hostMillis()}});
+}
+
+void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condition, const KLTEvent& event,
+                  bool countHeld, bool completed) {
+  const int64_t now = hostMillis();
+  const KLTCETimeBounds& bounds = condition.timeBounds();
+  deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition,
+          KLTValue{{"code", event.eventType},
+                   {"name", event.identifier},
+                   {"count", condition.occurrenceCount()},
+                   {"wanted", condition.countConfig().count()},
+                   {"operator", condition.countConfig().operatorWord()},
+                   {"count_held", countHeld},
+                   {"time", now},
+                   {"lower", bounds.lower()},
+                   {"upper", bounds.upper()},
+                   {"in_bounds", bounds.lower() <= now && now <= bounds.upper()},
+                   {"completed", completed}});
+}
+
+void foldEvaluated(const KLTCEConfigItem& item, bool result) {
+  KLTValue flags = KLTValue::array(), operators = KLTValue::array();
+  for (const auto& condition : item.conditions()) {
+    flags.push_back(condition->satisfied());
+    operators.push_back(condition->combineOperator());
+  }
+  deliver(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1,
+          KLTValue{{"flags", std::move(flags)}, {"operators", std::move(operators)}, {"result", result}});
+}
+
+void windowClosed(const KLTCEConfigItem& item) {
+  const KLTCETimeLimits* window = item.timeLimits();
+  if (!window) return;
+  const KLTLocalTime local = KLTClock::current()->localTime();
+  deliver(KLTCEDecisionKind::WindowClosed, item.identifier(), -1,
+          KLTValue{{"local_time", hourMinute(local.hour, local.minute)},
+                   {"start", hourMinute(window->startTimeHour(), window->startTimeMin())},
+                   {"end", hourMinute(window->endTimeHour(), window->endTimeMin())}});
+}
+
+void capBlocked(const KLTCEConfigItem& item) {
+  // Which test of the cap check refused, read from the same in-memory record in the same order.
+  const KLTValue& record = klt::valueForKey(item.frequency().frequencyConfig(), item.identifier());
+  const auto read = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
+  constexpr int32_t kNoLimit = 2147483647;
+  const KLTValue& validity = klt::valueForKey(record, kKLTValidity);
+  KLTValue values{{"validity", validity}};
+  auto blame = [&](const char* counter, const char* limitKey) {
+    values["counter"] = counter;
+    values["value"] = read(counter);
+    values["limit_key"] = limitKey;
+    values["limit"] = read(limitKey);
+  };
+  if (klt::isText(validity, "SESSION") || read(kKLTCount) >= read(kKLTLimit)) {
+    blame(kKLTCount, kKLTLimit);
+  } else if (read(kKLTDayLimit) != kNoLimit) {
+    blame(kKLTDayCount, kKLTDayLimit);
+    // A new day period opens at the first parse or counted display more than 24 whole hours after `day`.
+    if (const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay))) {
+      values["next_period_from"] = KLTClock::epochMillis(*day + std::chrono::hours(25));
+    }
+  } else {
+    blame(kKLTSessionCount, kKLTSessionLimit);
+  }
+  deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1, std::move(values));
+}
+
+void dispatched(const KLTCEConfigItem& item, const KLTDisplayEvent& event) {
+  deliver(KLTCEDecisionKind::Dispatched, item.identifier(), -1,
+          KLTValue{{"class", event.className()}, {"info", event.info()}});
+}
+
+void displayCounted(const KLTCEConfigItem& item, const std::string& identifier) {
+  const KLTValue& record = klt::valueForKey(item.frequency().frequencyConfig(), identifier);
+  deliver(KLTCEDecisionKind::DisplayCounted, identifier, -1, KLTValue{{"record", plainRecord(record)}});
+}
+
+}  // namespace KLTCEDecisions::detail
+
+namespace KLTCEAdmissionFacts {
+
+KLTValue hardware(const KLTValue& wanted) { return KLTValue{{"hw_val", wanted}, {"device_model", KLTUtilities::deviceName()}}; }
+
+KLTValue version(const KLTValue& wanted, const KLTValue& op) {
+  const std::optional<std::string> app = KLTBundle::shortVersionString();
+  return KLTValue{{"app_version", app ? KLTValue(*app) : KLTValue()}, {"operator", op}, {"wanted", klt::textForm(wanted)}};
+}
+
+KLTValue mismatch(const KLTValue& rules, const std::shared_ptr<const KLTValue>& attributes) {
+  static const KLTValue kNoAttributes;
+  const KLTValue& existing = attributes ? *attributes : kNoAttributes;
+  for (const KLTValue& rule : rules) {
+    if (KLTCEUtility::compareGivenAttributes(rule, existing)) continue;
+    const std::string* name = klt::stringPtr(klt::valueForKey(rule, kKLTName));
+    return KLTValue{{"rule", rule}, {"host_value", name ? klt::valueForKey(existing, *name) : KLTValue()}};
+  }
+  return KLTValue::object();
+}
+
+KLTValue dates(const KLTValue& validity) {
+  return KLTValue{{"now", KLTClock::epochMillis(KLTClock::current()->now())},
+                  {"start_date", klt::valueForKey(validity, kKLTStartDate)},
+                  {"end_date", klt::valueForKey(validity, kKLTEndDate)}};
+}
+
+}  // namespace KLTCEAdmissionFacts

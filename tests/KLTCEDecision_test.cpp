@@ -1,0 +1,130 @@
+// Decision records: one scripted day of campaigns yields every kind of record with the values the
+// engine compared; and the same script with and without an observer gives the same dispatches and
+// the same log lines.
+#include "KLTContextEvaluator/KLTCEDecision.h"
+
+#include <gtest/gtest.h>
+
+#include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "testsupport/KLTCampaignBuilder.h"
+#include "testsupport/KLTTestHost.h"
+
+using namespace kltfixture;
+
+namespace {
+
+class Recorder final : public KLTCEDecisionObserver {
+ public:
+  void onDecision(const KLTCEDecision& d) override {
+    EXPECT_TRUE(KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->isCurrent());
+    records.push_back(d);
+  }
+  std::vector<KLTCEDecision> records;  // read after the queue is idle
+};
+
+// Whether actual holds expected: dictionaries key by key (recursively), anything else equal.
+bool holds(const KLTValue& actual, const KLTValue& expected) {
+  if (!expected.is_object()) return actual == expected;
+  for (const auto& [key, value] : expected.items()) {
+    if (!holds(klt::valueForKey(actual, key), value)) return false;
+  }
+  return true;
+}
+
+KLTValue with(KLTValue c, const char* key, KLTValue v) {
+  c[key] = std::move(v);
+  return c;
+}
+
+// 2026-01-01 from 07:00Z: a window campaign refused at 07:00, then a capped one, a timer, rejections.
+void runScript(KLTTestHost& host) {
+  auto& evaluator = KLTContextEvaluator::sharedInstance();
+  const KLTValue go = KLTValue::array({eventCondition("app_event", "go", "GTE", 1)});
+  const KLTValue rule{{"name", "tier"}, {"value", KLTValue::array({"gold"})}, {"operator", "EQ"}};
+  const KLTValue audience{{"attributes", {{"user", KLTValue::array({rule})}, {"session", KLTValue::array()}}}};
+  host.controller().user()->setUserAttribute("tier", "silver");
+  host.clock().setNow(KLTTimePoint(std::chrono::hours(491'023)));  // 2026-01-06T07:00Z
+  evaluator.parseConfiguration(document(
+      {with(campaign("capped", go), "frequency", {{"count", 1}}),
+       with(with(campaign("windowed", go), "time_limits_in_day", true), "time_limits", {{"start_time", "09:00"}, {"end_time", "17:30"}}),
+       with(campaign("timed", KLTValue::array({timerCondition("activity_time", 2500)})), "sequence_enabled", true),
+       with(campaign("old_app", go), "audience", {{"ver", {{"val", "3.2"}, {"op", "GTE"}}}}),
+       with(campaign("ipad", go), "audience", {{"hw", {{"val", "iPad8,1"}}}}),
+       with(campaign("gold", go), "audience", audience),
+       with(campaign("expired", go), "validity", {{"start_date", "2025-01-01T00:00:00Z"}, {"end_date", "2025-12-31T00:00:00Z"}})}));
+  host.drainEvaluatorQueue();
+  host.deliver(kKLTEventCodeApp, "go");
+  evaluator.updateCountForConfigWithIdentifier("capped");
+  host.deliver(kKLTEventCodeApp, "go");
+  host.drainEvaluatorQueue();
+}
+
+struct Expected {
+  KLTCEDecisionKind kind;
+  const char* campaign;
+  KLTValue values;  // a subset of the record's values
+};
+
+TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
+  KLTTestHost host{2};
+  auto recorder = std::make_shared<Recorder>();
+  KLTContextEvaluator::sharedInstance().setDecisionObserver(recorder);
+  runScript(host);
+  KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
+  host.drainEvaluatorQueue();
+
+  using K = KLTCEDecisionKind;
+  const Expected rows[] = {
+      {K::Admitted, "capped", {{"priority", 1}}},
+      {K::ItemBuilt, "windowed", {{"mode", "combined"}, {"window", {{"start", "09:00"}, {"end", "17:30"}}}}},
+      {K::ItemBuilt, "timed", {{"mode", "sequence"}}},
+      {K::TriggerFired, "capped", {{"trigger", "app_start"}}},
+      {K::ConditionArmed, "capped", {{"listener", "4___go"}}},
+      {K::ConditionArmed, "timed", {{"event_type", "activity_time"}, {"timer_seconds", 2}}},
+      {K::TimerEnded, "timed", {{"event_type", "activity_time"}}},
+      {K::EventCounted, "capped", {{"count", 1}, {"wanted", 1}, {"operator", "GTE"}, {"count_held", true}, {"in_bounds", true}, {"completed", true}}},
+      {K::FoldEvaluated, "capped", {{"flags", {true}}, {"result", true}}},
+      {K::WindowClosed, "windowed", {{"local_time", "07:00"}, {"start", "09:00"}, {"end", "17:30"}}},
+      {K::Dispatched, "capped", {{"class", "KLTInAppEvent"}, {"info", {{"id", "capped"}, {"type", "IN_APP"}}}}},
+      {K::Dispatched, "timed", {{"class", "KLTInAppEvent"}}},
+      {K::DisplayCounted, "capped", {{"record", {{"limit", 1}, {"count", 1}}}}},
+      {K::CapBlocked, "capped", {{"counter", "count"}, {"value", 1}, {"limit_key", "limit"}, {"limit", 1}}},
+      {K::Rejected, "old_app", {{"step", "version"}, {"app_version", "1.0"}, {"operator", "GTE"}, {"wanted", "3.2"}}},
+      {K::Rejected, "ipad", {{"step", "hardware"}, {"hw_val", "iPad8,1"}, {"device_model", "iPhone14,2"}}},
+      {K::Rejected, "gold", {{"step", "user_attributes"}, {"host_value", "silver"}}},
+      {K::Rejected, "expired", {{"step", "validity_dates"}, {"end_date", "2025-12-31T00:00:00Z"}}},
+  };
+  for (const Expected& row : rows) {
+    SCOPED_TRACE(std::string(KLTCEDecisionKindName(row.kind)) + " " + row.campaign);
+    bool found = false;
+    for (const KLTCEDecision& d : recorder->records) {
+      if (d.kind != row.kind || d.campaign != row.campaign) continue;
+      found = found || holds(d.values, row.values);
+    }
+    EXPECT_TRUE(found);
+  }
+  for (std::size_t i = 1; i < recorder->records.size(); ++i) {
+    EXPECT_GT(recorder->records[i].sequence, recorder->records[i - 1].sequence);
+  }
+}
+
+TEST(KLTCEDecision, ObserverChangesNoDispatchAndNoLogLine) {
+  std::vector<std::string> logs[2];
+  std::vector<std::string> dispatches[2];
+  KLTContextEvaluator::sharedInstance();  // its start-up line is logged once, before both runs
+  for (int observed = 0; observed < 2; ++observed) {
+    KLTTestHost host{0};
+    if (observed) KLTContextEvaluator::sharedInstance().setDecisionObserver(std::make_shared<Recorder>());
+    runScript(host);
+    KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
+    host.drainEvaluatorQueue();
+    logs[observed] = host.log().lines();
+    for (const auto& d : host.dispatched()) dispatches[observed].push_back(d.className + d.info.dump() + std::to_string(d.atMillis));
+  }
+  EXPECT_FALSE(dispatches[0].empty());
+  EXPECT_EQ(dispatches[0], dispatches[1]);
+  EXPECT_EQ(logs[0], logs[1]);
+}
+
+}  // namespace
