@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
-#include "testsupport/KLTFaultyStoreFiles.h"
 #include "testsupport/KLTTestHost.h"
 
 namespace {
@@ -241,7 +240,7 @@ TEST_F(KLTCEFrequencyTest, LastObjectToSaveWins) {
 }
 
 TEST_F(KLTCEFrequencyTest, FailedSaveIsLoggedAndTheObjectKeepsCounting) {
-  auto files = std::make_shared<KLTFaultyStoreFiles>();
+  auto files = std::make_shared<KLTStoreFaults>();
   KLTUserDefaults::setStandardUserDefaults(std::make_shared<KLTUserDefaults>(host_.storePath(), files));
   files->failNextWrites(1);
   KLTCEFrequency f(KLTValue{{"count", 2}}, "cfg");
