@@ -71,7 +71,11 @@ bool KLTStoreDatabase::setUp(std::string& why) {
       sqlite3_step(mode.stmt) != SQLITE_ROW || mode.text(0) != "wal") {
     return fail("cannot use write-ahead logging");
   }
-  if (sqlite3_exec(db_, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr) != SQLITE_OK ||
+  // Checkpoints are the only flushes to disk under synchronous=NORMAL; running them every 8,000
+  // pages rather than every 1,000 keeps a parse of many campaigns from waiting on the disk, and the
+  // log is cut back to 4 MB after each one.
+  if (sqlite3_exec(db_, "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=8000; PRAGMA journal_size_limit=4194304;",
+                   nullptr, nullptr, nullptr) != SQLITE_OK ||
       sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr) != SQLITE_OK) {
     return fail("cannot create the tables");
   }
