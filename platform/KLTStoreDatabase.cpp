@@ -51,6 +51,9 @@ std::unique_ptr<KLTStoreDatabase> KLTStoreDatabase::open(const std::filesystem::
     return nullptr;
   }
   sqlite3_extended_result_codes(d->db_, 1);
+  // Closing leaves the write-ahead log for the next open instead of checkpointing it, which would
+  // flush the file to disk at every close.
+  sqlite3_db_config(d->db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   // Another connection of this process may be committing; wait for it rather than fail.
   sqlite3_busy_timeout(d->db_, 5000);
   // Reading the schema checks the file header without writing anything.
@@ -66,15 +69,21 @@ bool KLTStoreDatabase::setUp(std::string& why) {
     why = std::string(what) + ": " + sqlite3_errmsg(db_);
     return false;
   };
-  Statement mode;
-  if (sqlite3_prepare_v2(db_, "PRAGMA journal_mode=WAL", -1, &mode.stmt, nullptr) != SQLITE_OK ||
-      sqlite3_step(mode.stmt) != SQLITE_ROW || mode.text(0) != "wal") {
-    return fail("cannot use write-ahead logging");
+  {
+    Statement mode;  // finalized at the end of this block: a live statement would block the checkpoint
+    if (sqlite3_prepare_v2(db_, "PRAGMA journal_mode=WAL", -1, &mode.stmt, nullptr) != SQLITE_OK ||
+        sqlite3_step(mode.stmt) != SQLITE_ROW || mode.text(0) != "wal") {
+      return fail("cannot use write-ahead logging");
+    }
   }
   // Checkpoints are the only flushes to disk under synchronous=NORMAL; running them every 8,000
   // pages rather than every 1,000 keeps a parse of many campaigns from waiting on the disk, and the
   // log is cut back to 4 MB after each one.
-  if (sqlite3_exec(db_, "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=8000; PRAGMA journal_size_limit=4194304;",
+  // The log left by the last run is folded into the file once at open, so that the log a crash
+  // leaves behind, which the next open must read whole, holds only this run's writes.
+  if (sqlite3_exec(db_,
+                   "PRAGMA synchronous=NORMAL; PRAGMA wal_autocheckpoint=8000; PRAGMA journal_size_limit=4194304;"
+                   "PRAGMA wal_checkpoint(TRUNCATE);",
                    nullptr, nullptr, nullptr) != SQLITE_OK ||
       sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr) != SQLITE_OK) {
     return fail("cannot create the tables");

@@ -50,6 +50,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitStopped = 1;   // a bad line under --strict
 inline constexpr int kExitUsage = 2;     // unusable document, profile, state path or option
 inline constexpr int kExitBlocked = 3;   // the engine's queue is blocked for good
+inline constexpr int kExitFailed = 4;    // an exception (out of memory included) stopped the work
 
 struct ReplayResult {
   int exitCode = kExitOk;
