@@ -55,11 +55,12 @@ void setOrRemove(KLTValue& record, const char* key, const KLTValue& value) {
 
 }  // namespace
 
-KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifier) : _frequencyConfig(KLTValue::object()) {
-  KLTValue stored = KLTUserDefaults::standardUserDefaults()->objectForKey(kKLTFrequencyStoreKey);
-  if (klt::isDictionary(stored)) {
-    _frequencyConfig = std::move(stored);
-  } else if (!stored.is_null()) {
+KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifier) {
+  // A shared copy of the stored map: O(1), whatever the number of records.
+  const auto store = KLTUserDefaults::standardUserDefaults();
+  if (auto stored = store->sharedDictionaryForKey(kKLTFrequencyStoreKey)) {
+    _frequencyConfig = std::move(*stored);
+  } else if (!store->objectForKey(kKLTFrequencyStoreKey).is_null()) {
     KLT_LOG_ERROR(kInitMethod, "Stored frequency counters are not a dictionary; starting from an empty map");
   }
 
@@ -82,12 +83,12 @@ KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifi
     }
   }
 
-  _frequencyConfig[identifier] = std::move(record);
+  _frequencyConfig.set(identifier, std::move(record));
   save(kInitMethod);
 }
 
 bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& identifier) const {
-  const KLTValue& record = klt::valueForKey(_frequencyConfig, identifier);
+  const KLTValue& record = storedRecord(identifier);
   const int32_t count = klt::int32Value(klt::valueForKey(record, kKLTCount));
   const int32_t limit = klt::int32Value(klt::valueForKey(record, kKLTLimit));
   if (isSessionMode(klt::valueForKey(record, kKLTValidity))) return count < limit;
@@ -121,12 +122,18 @@ void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier)
   const int64_t count = klt::integerValue(klt::valueForKey(record, kKLTCount));
   record[kKLTCount] = count == std::numeric_limits<int64_t>::max() ? count : count + 1;
 
-  _frequencyConfig[identifier] = std::move(record);
+  _frequencyConfig.set(identifier, std::move(record));
   if (save(kUpdateMethod)) KLT_LOG_DEBUG(kUpdateMethod, "Updated count for identifier: " + identifier);
 }
 
+const KLTValue& KLTCEFrequency::storedRecord(const std::string& identifier) const {
+  static const KLTValue kAbsent;
+  const KLTValue* record = _frequencyConfig.find(identifier);
+  return record ? *record : kAbsent;
+}
+
 KLTValue KLTCEFrequency::recordForIdentifier(const std::string& identifier, const char* method) const {
-  const KLTValue& stored = klt::valueForKey(_frequencyConfig, identifier);
+  const KLTValue& stored = storedRecord(identifier);
   if (klt::isDictionary(stored)) return stored;
   if (!stored.is_null()) {
     KLT_LOG_ERROR(method, "Stored frequency record for identifier " + identifier + " is not a dictionary; starting it afresh");
@@ -136,8 +143,9 @@ KLTValue KLTCEFrequency::recordForIdentifier(const std::string& identifier, cons
 
 bool KLTCEFrequency::save(const char* method) const {
   // The whole map is written back, other configs' records included: the last object to save wins.
+  // Handing over the shared map costs O(1); the store writes only the entries that differ.
   const auto store = KLTUserDefaults::standardUserDefaults();
-  store->setObject(_frequencyConfig, kKLTFrequencyStoreKey);
+  store->setSharedDictionary(_frequencyConfig, kKLTFrequencyStoreKey);
   if (store->synchronize()) return true;
   KLT_LOG_ERROR(method, "Couldn't save enable SDK state");
   return false;

@@ -10,12 +10,15 @@
 // Thread-safety: both classes are used only on the evaluator's serial queue (no locks of their
 // own). Each KLTCEFrequency keeps its own copy of the whole persisted map, read at construction and
 // written back whole after each change: the last object to save wins, overwriting counters that
-// another object saved since this one was built.
+// another object saved since this one was built (and dropping records added since). The copy is a
+// KLTSharedMap: taking it costs O(1), a check is a hash lookup, and a save hands the store a map
+// that differs from what it holds only by this object's changes and what they overwrite.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
+#include "platform/KLTSharedMap.h"
 #include "platform/KLTValue.h"
 
 class KLTCEFrequency {
@@ -38,17 +41,19 @@ class KLTCEFrequency {
   // on success, "Couldn't save enable SDK state" (ERROR) on failure.
   void updateFrequencyForIdentifier(const std::string& identifier);
 
-  // This object's copy of the whole map.
-  const KLTValue& frequencyConfig() const { return _frequencyConfig; }
+  // This object's copy of the whole map, as a dictionary (built on each call: O(n)).
+  KLTValue frequencyConfig() const { return _frequencyConfig.toDictionary(); }
 
  private:
+  // The record of identifier in this object's copy; a null value when there is none.
+  const KLTValue& storedRecord(const std::string& identifier) const;
   // A copy of the stored record of identifier; empty (with an ERROR line naming method) when the
   // stored value is not a dictionary.
   KLTValue recordForIdentifier(const std::string& identifier, const char* method) const;
   // Writes the whole map to the standard store and synchronizes; logs the failure under method.
   bool save(const char* method) const;
 
-  KLTValue _frequencyConfig;  // dictionary: identifier -> record
+  KLTSharedMap _frequencyConfig;  // identifier -> record
 };
 
 class KLTCETimeLimits {

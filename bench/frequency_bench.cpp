@@ -1,20 +1,17 @@
 // Cost of building the frequency caps of a large configuration against a persisted store.
 //
 // BM_Construct1000Caps: 1,000 constructions of KLTCEFrequency (a parse of 1,000 campaigns) against a
-// store file already holding 1,000 counter records; each construction copies the whole map, refreshes
-// one record and saves. The per_construction counter is the time of one construction.
+// store file already holding 1,000 counter records; each construction takes a shared copy of the
+// map, refreshes one record and saves. The per_construction counter is the time of one construction.
 // BM_SynchronizeOneRecordChange: the baseline, one plain store save after a one-record change of
 // the same 1,000-record map (setObject of the whole map, then synchronize).
-// BM_AtomicRewriteOfTheMap: for comparison, writing the whole encoded map to a temporary file and
-// renaming it over the old one, the store design without a journal.
-// BM_OpenStore: opening the store file (snapshot read plus journal replay), as at app start.
+// BM_OpenStore: opening the store file (reading every row back), as at app start.
 #include <benchmark/benchmark.h>
 
 #include <string>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "KLTContextEvaluator/KLTCEFrequency.h"
-#include "platform/KLTStoreFiles.h"
 #include "platform/KLTUserDefaults.h"
 #include "testsupport/KLTTestHost.h"
 
@@ -72,17 +69,6 @@ void BM_SynchronizeOneRecordChange(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_SynchronizeOneRecordChange)->Unit(benchmark::kMicrosecond)->UseRealTime();
-
-void BM_AtomicRewriteOfTheMap(benchmark::State& state) {
-  PersistedStore fixture;
-  const auto bytes = KLTValue::to_cbor(fixture.store().objectForKey(kKLTFrequencyStoreKey));
-  const std::string encoded(bytes.begin(), bytes.end());
-  KLTPosixStoreFiles files;
-  const auto target = fixture.path().parent_path() / "rewrite.bin";
-  for (auto _ : state) benchmark::DoNotOptimize(files.replace(target, encoded));
-  state.counters["map_bytes"] = static_cast<double>(encoded.size());
-}
-BENCHMARK(BM_AtomicRewriteOfTheMap)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_OpenStore(benchmark::State& state) {
   PersistedStore fixture;

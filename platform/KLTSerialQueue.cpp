@@ -43,6 +43,28 @@ bool KLTSerialQueue::waitUntilIdleFor(std::chrono::milliseconds timeout) {
 
 bool KLTSerialQueue::isCurrent() const { return std::this_thread::get_id() == worker_.get_id(); }
 
+namespace {
+
+std::mutex& failureMutex() {
+  static std::mutex m;
+  return m;
+}
+std::optional<std::string>& firstFailure() {
+  static std::optional<std::string> what;
+  return what;
+}
+void recordFailure(const char* what) {
+  std::lock_guard lock(failureMutex());
+  if (!firstFailure()) firstFailure() = what;
+}
+
+}  // namespace
+
+std::optional<std::string> KLTSerialQueue::firstTaskFailure() {
+  std::lock_guard lock(failureMutex());
+  return firstFailure();
+}
+
 void KLTSerialQueue::workerLoop() {
   std::unique_lock lock(mutex_);
   for (;;) {
@@ -54,8 +76,10 @@ void KLTSerialQueue::workerLoop() {
     try {
       task();
     } catch (const std::exception& e) {
+      recordFailure(e.what());
       KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", std::string("Task failed: ") + e.what());
     } catch (...) {
+      recordFailure("an exception of unknown type");
       KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", "Task failed");
     }
     task = nullptr;  // release what the task captured before reporting progress

@@ -13,6 +13,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -35,6 +36,11 @@ class KLTSerialQueue {
   // Whether the calling thread is this queue's worker.
   bool isCurrent() const;
   const std::string& label() const { return label_; }
+
+  // What the first task to throw in this process threw (across every queue), so that a program
+  // such as the command-line tool can fail rather than carry on as if nothing happened; nothing
+  // while no task has thrown.
+  static std::optional<std::string> firstTaskFailure();
 
  private:
   void workerLoop();

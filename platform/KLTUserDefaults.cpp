@@ -1,192 +1,23 @@
 #include "platform/KLTUserDefaults.h"
 
-#include <zlib.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <system_error>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "platform/KLTLog.h"
+#include "platform/KLTStoreCoding.h"
+#include "platform/KLTStoreDatabase.h"
 
 namespace {
 
-constexpr std::string_view kSnapshotMagic = "KLTSNAP1";
-constexpr std::string_view kJournalMagic = "KLTJRNL1";
-constexpr std::size_t kHeaderSize = 16;  // magic + 64-bit generation
-// The journal is compacted once it outgrows twice the snapshot, and never below this floor, so that
-// compaction stays rare for small maps while opening the store replays at most a few snapshots' worth.
-constexpr std::uintmax_t kMinCompactionThreshold = 64 * 1024;
 constexpr const char* kMethod = "-[KLTUserDefaults load]";
-
-// Journal operations, the first element of each operation array.
-enum Op : int { kPut = 0, kRemove = 1, kPutEntry = 2, kRemoveEntry = 3 };
-
-void putU32(std::string& out, uint32_t v) {
-  for (int i = 3; i >= 0; --i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
-}
-void putU64(std::string& out, uint64_t v) {
-  for (int i = 7; i >= 0; --i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
-}
-uint64_t getUInt(std::string_view s, std::size_t at, int bytes) {
-  uint64_t v = 0;
-  for (int i = 0; i < bytes; ++i) v = (v << 8) | static_cast<unsigned char>(s[at + i]);
-  return v;
-}
-uint32_t checksum(std::string_view data) {
-  return static_cast<uint32_t>(::crc32(0L, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
-}
-
-// A framed record: length, checksum, payload.
-std::string frame(std::string_view payload) {
-  std::string out;
-  out.reserve(payload.size() + 8);
-  putU32(out, static_cast<uint32_t>(payload.size()));
-  putU32(out, checksum(payload));
-  out.append(payload);
-  return out;
-}
-
-// Reads the framed record at `at`; false when it is cut off or its checksum fails.
-bool readFrame(std::string_view data, std::size_t& at, std::string_view& payload) {
-  if (data.size() - at < 8) return false;
-  const auto length = static_cast<std::size_t>(getUInt(data, at, 4));
-  const auto sum = static_cast<uint32_t>(getUInt(data, at + 4, 4));
-  if (data.size() - at - 8 < length) return false;
-  payload = data.substr(at + 8, length);
-  if (checksum(payload) != sum) return false;
-  at += 8 + length;
-  return true;
-}
-
-std::string header(std::string_view magic, uint64_t generation) {
-  std::string out(magic);
-  putU64(out, generation);
-  return out;
-}
-
-std::string encode(const KLTValue& v) {
-  const auto bytes = KLTValue::to_cbor(v);
-  return std::string(bytes.begin(), bytes.end());
-}
-
-// Decodes CBOR; binary subtypes (dates) survive through the stored tags. Null on malformed input.
-// The parser still throws on some inputs (a length beyond what a container can hold) even when told
-// not to, and a damaged file must never take the process down.
-KLTValue decode(std::string_view payload, bool& ok) {
-  try {
-    KLTValue v = KLTValue::from_cbor(payload.begin(), payload.end(), true, false, KLTValue::cbor_tag_handler_t::store);
-    ok = !v.is_discarded();
-    return v;
-  } catch (const std::exception&) {
-    ok = false;
-    return KLTValue();
-  }
-}
-
-void applyOp(KLTValue& map, const KLTValue& op) {
-  if (!op.is_array() || op.empty() || !op[0].is_number_integer() || op.size() < 2 || !op[1].is_string()) return;
-  const auto& key = op[1].get_ref<const std::string&>();
-  switch (op[0].get<int>()) {
-    case kPut:
-      if (op.size() >= 3) map[key] = op[2];
-      break;
-    case kRemove:
-      map.erase(key);
-      break;
-    case kPutEntry:
-      if (op.size() >= 4 && op[2].is_string()) {
-        KLTValue& slot = map[key];
-        if (!slot.is_object()) slot = KLTValue::object();
-        slot[op[2].get_ref<const std::string&>()] = op[3];
-      }
-      break;
-    case kRemoveEntry:
-      if (op.size() >= 3 && op[2].is_string()) {
-        auto it = map.find(key);
-        if (it != map.end() && it->is_object()) it->erase(op[2].get_ref<const std::string&>());
-      }
-      break;
-    default:
-      break;
-  }
-}
-
-// Appends to ops what turns dictionary `old` into dictionary `cur`: whole values at the top level
-// (outerKey null), except that a dictionary held under the same key on both sides is diffed one level
-// down, entry by entry (outerKey names it), so that changing one record of a large map writes one
-// record. Returns false when replaying the operations would not reproduce cur's key order (a key
-// removed and added again, or keys reordered): the caller then writes a whole snapshot instead.
-//
-// Both sides nearly always list their common keys in the same order, so they are walked side by
-// side; only when they part does it index the keys, since ordered dictionaries look keys up linearly.
-bool diffDictionary(const KLTValue& old, const KLTValue& cur, const std::string* outerKey, KLTValue& ops) {
-  const auto put = [&](const std::string& key, const KLTValue& value) {
-    if (outerKey) {
-      ops.push_back(KLTValue::array({kPutEntry, *outerKey, key, value}));
-    } else {
-      ops.push_back(KLTValue::array({kPut, key, value}));
-    }
-  };
-  const auto changed = [&](const std::string& key, const KLTValue& before, const KLTValue& after) {
-    // Two dictionaries are compared entry by entry below, not first as a whole: that would walk a
-    // large map twice.
-    if (!outerKey && before.is_object() && after.is_object()) {
-      const std::size_t mark = ops.size();
-      if (diffDictionary(before, after, &key, ops)) return;
-      // Entries reordered: writing the whole value keeps its order.
-      ops.erase(ops.begin() + static_cast<std::ptrdiff_t>(mark), ops.end());
-    } else if (before == after) {
-      return;
-    }
-    put(key, after);
-  };
-
-  auto o = old.begin();
-  auto c = cur.begin();
-  for (; o != old.end() && c != cur.end() && o.key() == c.key(); ++o, ++c) {
-    changed(c.key(), o.value(), c.value());
-  }
-  if (o == old.end()) {
-    // Only additions remain; replay appends them in this same order.
-    for (; c != cur.end(); ++c) put(c.key(), c.value());
-    return true;
-  }
-
-  // Key -> (position, value) of the old keys not yet matched.
-  std::unordered_map<std::string_view, std::pair<std::size_t, const KLTValue*>> oldIndex;
-  std::size_t position = 0;
-  for (auto it = o; it != old.end(); ++it) oldIndex.emplace(it.key(), std::make_pair(position++, &it.value()));
-  std::unordered_set<std::string_view> curKeys;
-  bool added = false;
-  std::size_t lastCommon = 0;
-  bool anyCommon = false;
-  bool inOrder = true;
-  for (; c != cur.end(); ++c) {
-    curKeys.insert(c.key());
-    const auto found = oldIndex.find(c.key());
-    if (found == oldIndex.end()) {
-      added = true;
-      put(c.key(), c.value());
-      continue;
-    }
-    // Replay keeps common keys where they were and appends new ones: cur must list them that way.
-    if (added || (anyCommon && found->second.first < lastCommon)) inOrder = false;
-    lastCommon = found->second.first;
-    anyCommon = true;
-    changed(c.key(), *found->second.second, c.value());
-  }
-  for (; o != old.end(); ++o) {
-    if (curKeys.count(o.key()) != 0) continue;
-    if (outerKey) {
-      ops.push_back(KLTValue::array({kRemoveEntry, *outerKey, o.key()}));
-    } else {
-      ops.push_back(KLTValue::array({kRemove, o.key()}));
-    }
-  }
-  return inOrder;
-}
+// The first bytes of a store file of the earlier snapshot-and-journal format.
+constexpr std::string_view kSnapshotMagic = "KLTSNAP1";
 
 std::mutex& standardMutex() {
   static std::mutex m;
@@ -197,13 +28,35 @@ std::shared_ptr<KLTUserDefaults>& standardSlot() {
   return slot;
 }
 
+std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_view suffix) {
+  std::filesystem::path p = path;
+  p += std::string(suffix);
+  return p;
+}
+
+// Renames path to the first free "<path>.<suffix>[-N]"; nothing when that fails.
+std::optional<std::filesystem::path> moveAside(const std::filesystem::path& path, std::string_view suffix) {
+  for (int i = 0; i < 1000; ++i) {
+    std::string name = path.string() + "." + std::string(suffix);
+    if (i) name += "-" + std::to_string(i);
+    struct stat st {};
+    if (::stat(name.c_str(), &st) == 0) continue;
+    if (std::rename(path.c_str(), name.c_str()) == 0) return std::filesystem::path(name);
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+bool startsWith(const std::filesystem::path& path, std::string_view magic) {
+  std::ifstream in(path, std::ios::binary);
+  std::string head(magic.size(), '\0');
+  return in.read(head.data(), static_cast<std::streamsize>(head.size())) && head == magic;
+}
+
 }  // namespace
 
-KLTUserDefaults::KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFiles> files)
-    : path_(std::move(path)),
-      files_(files ? std::move(files) : std::make_shared<KLTPosixStoreFiles>()),
-      current_(KLTValue::object()),
-      persisted_(KLTValue::object()) {
+KLTUserDefaults::KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults)
+    : path_(std::move(path)), faults_(faults ? std::move(faults) : std::make_shared<KLTStoreFaults>()) {
   if (path_.empty()) return;
   std::error_code ec;
   if (path_.has_parent_path()) std::filesystem::create_directories(path_.parent_path(), ec);
@@ -211,12 +64,6 @@ KLTUserDefaults::KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLT
 }
 
 KLTUserDefaults::~KLTUserDefaults() = default;
-
-std::filesystem::path KLTUserDefaults::journalPath() const {
-  std::filesystem::path j = path_;
-  j += ".journal";
-  return j;
-}
 
 std::filesystem::path KLTUserDefaults::defaultLocation() {
   std::filesystem::path dir;
@@ -245,73 +92,108 @@ std::shared_ptr<KLTUserDefaults> KLTUserDefaults::setStandardUserDefaults(std::s
 }
 
 void KLTUserDefaults::load() {
-  std::string snapshot;
-  const auto status = files_->read(path_, snapshot);
-  bool unreadable = status == KLTStoreFiles::ReadStatus::Failed;
-  KLTValue map = KLTValue::object();
-  uint64_t generation = 0;
-  if (status == KLTStoreFiles::ReadStatus::Ok) {
-    std::size_t at = kHeaderSize;
-    std::string_view payload;
-    bool ok = snapshot.size() >= kHeaderSize && std::string_view(snapshot).substr(0, 8) == kSnapshotMagic &&
-              readFrame(snapshot, at, payload) && at == snapshot.size();
-    if (ok) {
-      generation = getUInt(snapshot, 8, 8);
-      map = decode(payload, ok);
-      ok = ok && map.is_object();
-    }
-    unreadable = !ok;
+  std::string why;
+  if (startsWith(path_, kSnapshotMagic)) {
+    why = "it is in the earlier snapshot format, whose counters are not carried over";
+  } else if ((db_ = KLTStoreDatabase::open(path_, why)) && readInto(current_, why) && db_->setUp(why)) {
+    persisted_ = current_;
+    for (const auto& s : current_) nextPosition_ = std::max(nextPosition_, s.position + 1);
+    return;
   }
-  if (unreadable) {
-    const auto aside = files_->moveAside(path_, "unreadable");
-    files_->moveAside(journalPath(), "unreadable");
-    KLT_LOG_ERROR(kMethod, "Unreadable user defaults store " + path_.string() + " moved aside to " +
-                               (aside ? aside->string() : std::string("(nowhere: move failed)")) +
-                               "; starting empty");
-    map = KLTValue::object();
-    generation = 0;
-    snapshot.clear();
+  db_.reset();
+  current_.clear();
+  const auto aside = moveAside(path_, "unreadable");
+  // The write-ahead log belongs to the file moved aside; the old format's journal to the snapshot.
+  for (const char* companion : {"-wal", ".journal"}) {
+    if (auto moved = moveAside(withSuffix(path_, companion), "unreadable")) (void)moved;
   }
-  snapshotSize_ = snapshot.size();
-  generation_ = generation;
+  std::error_code ec;
+  std::filesystem::remove(withSuffix(path_, "-shm"), ec);
+  KLT_LOG_ERROR(kMethod, "Unreadable user defaults store " + path_.string() + " (" + why + ") moved aside to " +
+                             (aside ? aside->string() : std::string("(nowhere: move failed)")) + "; starting empty");
+  std::string again;
+  db_ = KLTStoreDatabase::open(path_, again);
+  if (db_ && !db_->setUp(again)) db_.reset();
+}
 
-  // Replay the journal written on top of this snapshot; stop at the first record that is cut off.
-  std::string journal;
-  journalValid_ = false;
-  journalSize_ = 0;
-  if (files_->read(journalPath(), journal) == KLTStoreFiles::ReadStatus::Ok && journal.size() >= kHeaderSize &&
-      std::string_view(journal).substr(0, 8) == kJournalMagic && getUInt(journal, 8, 8) == generation_) {
-    std::size_t at = kHeaderSize;
-    std::string_view payload;
-    std::size_t good = at;
-    while (readFrame(journal, at, payload)) {
-      bool ok = false;
-      const KLTValue ops = decode(payload, ok);
-      if (!ok || !ops.is_array()) break;
-      for (const auto& op : ops) applyOp(map, op);
-      good = at;
+bool KLTUserDefaults::readInto(std::vector<Slot>& slots, std::string& why) {
+  const auto onRow = [&](std::string_view key, int64_t position, std::optional<std::string_view> text) {
+    Slot slot{std::string(key), position, !text.has_value(), KLTValue(), KLTSharedMap()};
+    if (text) {
+      auto value = klt::decodeStoredValue(*text);
+      if (!value) return false;
+      slot.value = std::move(*value);
     }
-    journalSize_ = good;
-    // Drop a torn tail now, so that later records are not appended behind it.
-    journalValid_ = good == journal.size() || files_->truncate(journalPath(), good);
-  }
-  current_ = map;
-  persisted_ = std::move(map);
+    slots.push_back(std::move(slot));
+    return true;
+  };
+  Slot* last = nullptr;
+  const auto onEntry = [&](std::string_view key, std::string_view entry, int64_t position, std::string_view text) {
+    if (!last || last->key != key) {
+      auto it = std::find_if(slots.begin(), slots.end(), [&](const Slot& s) { return s.key == key; });
+      // Entries without a dictionary row belong to nothing the store shows; they are dropped at the
+      // next write of that key.
+      if (it == slots.end() || !it->isMap) return true;
+      last = &*it;
+    }
+    auto value = klt::decodeStoredValue(text);
+    if (!value) return false;
+    last->map.setAt(std::string(entry), static_cast<uint64_t>(position), std::make_shared<const KLTValue>(std::move(*value)));
+    return true;
+  };
+  return db_->readAll(onRow, onEntry, why);
+}
+
+const KLTUserDefaults::Slot* KLTUserDefaults::find(std::string_view key) const {
+  auto it = std::find_if(current_.begin(), current_.end(), [&](const Slot& s) { return s.key == key; });
+  return it == current_.end() ? nullptr : &*it;
 }
 
 KLTValue KLTUserDefaults::objectForKey(std::string_view key) const {
   std::lock_guard lock(mutex_);
-  return klt::valueForKey(current_, key);
+  const Slot* s = find(key);
+  if (!s) return KLTValue();
+  return s->isMap ? s->map.toDictionary() : s->value;
+}
+
+std::optional<KLTSharedMap> KLTUserDefaults::sharedDictionaryForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  const Slot* s = find(key);
+  if (!s || !s->isMap) return std::nullopt;
+  return s->map;
+}
+
+void KLTUserDefaults::put(Slot slot) {
+  auto it = std::find_if(current_.begin(), current_.end(), [&](const Slot& s) { return s.key == slot.key; });
+  if (it != current_.end()) {
+    slot.position = it->position;
+    *it = std::move(slot);
+  } else {
+    slot.position = nextPosition_++;
+    current_.push_back(std::move(slot));
+  }
 }
 
 void KLTUserDefaults::setObject(KLTValue value, std::string_view key) {
+  Slot slot{std::string(key), 0, value.is_object(), KLTValue(), KLTSharedMap()};
+  if (slot.isMap) {
+    slot.map = KLTSharedMap::fromDictionary(value);
+  } else {
+    slot.value = std::move(value);
+  }
   std::lock_guard lock(mutex_);
-  current_[std::string(key)] = std::move(value);
+  put(std::move(slot));
+}
+
+void KLTUserDefaults::setSharedDictionary(KLTSharedMap map, std::string_view key) {
+  std::lock_guard lock(mutex_);
+  put(Slot{std::string(key), 0, true, KLTValue(), std::move(map)});
 }
 
 void KLTUserDefaults::removeObjectForKey(std::string_view key) {
   std::lock_guard lock(mutex_);
-  current_.erase(std::string(key));
+  current_.erase(std::remove_if(current_.begin(), current_.end(), [&](const Slot& s) { return s.key == key; }),
+                 current_.end());
 }
 
 bool KLTUserDefaults::synchronize() {
@@ -320,42 +202,57 @@ bool KLTUserDefaults::synchronize() {
     persisted_ = current_;
     return true;
   }
+  if (!db_) return false;
   try {
-    const std::uintmax_t threshold = std::max(kMinCompactionThreshold, 2 * snapshotSize_);
-    if (!journalValid_ || journalSize_ > threshold) return compact();
-    return appendChanges();
+    if (!db_->begin()) return false;
+    if (write() && !faults_->takeWriteFailure() && db_->commit()) {
+      persisted_ = current_;
+      return true;
+    }
   } catch (const std::exception&) {
-    return false;  // an allocation failure while encoding: nothing was written
+    // An allocation failure while encoding: the transaction is abandoned below.
   }
+  db_->rollback();
+  return false;
 }
 
-bool KLTUserDefaults::appendChanges() {
-  KLTValue ops = KLTValue::array();
-  if (!diffDictionary(persisted_, current_, nullptr, ops)) return compact();
-  if (ops.empty()) return true;
-  const std::string record = frame(encode(ops));
-  if (!files_->append(journalPath(), record)) {
-    // Part of the record may be on disk; cut it off, or rewrite everything on the next call.
-    journalValid_ = files_->truncate(journalPath(), journalSize_);
-    return false;
+bool KLTUserDefaults::write() {
+  const auto findIn = [](const std::vector<Slot>& slots, const std::string& key) -> const Slot* {
+    auto it = std::find_if(slots.begin(), slots.end(), [&](const Slot& s) { return s.key == key; });
+    return it == slots.end() ? nullptr : &*it;
+  };
+  const auto putEntry = [&](const std::string& key, const KLTSharedMap::Entry& e) {
+    const auto text = klt::encodeStoredValue(*e.value);
+    return text && db_->putEntry(key, e.key, static_cast<int64_t>(e.position), *text);
+  };
+  for (const Slot& old : persisted_) {
+    if (!findIn(current_, old.key) && !db_->removeValue(old.key)) return false;
   }
-  journalSize_ += record.size();
-  // Replaying the operations gives current_ (diffDictionary vouched for the key order), at the cost
-  // of the change rather than of a copy of the whole map.
-  for (const auto& op : ops) applyOp(persisted_, op);
-  return true;
-}
-
-bool KLTUserDefaults::compact() {
-  const uint64_t next = generation_ + 1;
-  std::string snapshot = header(kSnapshotMagic, next) + frame(encode(current_));
-  if (!files_->replace(path_, snapshot)) return false;
-  // From here the snapshot holds everything; a journal of the old generation is ignored on load.
-  generation_ = next;
-  snapshotSize_ = snapshot.size();
-  persisted_ = current_;
-  const std::string journal = header(kJournalMagic, next);
-  journalValid_ = files_->replace(journalPath(), journal);
-  journalSize_ = journal.size();
+  for (const Slot& slot : current_) {
+    const Slot* old = findIn(persisted_, slot.key);
+    if (old && old->position == slot.position && old->isMap == slot.isMap) {
+      if (!slot.isMap) {
+        if (old->value == slot.value) continue;
+      } else {
+        // Only the entries that differ from the file's, found without walking what both share.
+        bool ok = true;
+        KLTSharedMap::diff(old->map, slot.map, [&](const KLTSharedMap::Entry* before, const KLTSharedMap::Entry* after) {
+          if (!ok) return;
+          ok = after ? putEntry(slot.key, *after) : db_->removeEntry(slot.key, before->key);
+        });
+        if (!ok) return false;
+        continue;
+      }
+    }
+    std::optional<std::string> text;
+    if (!slot.isMap && !(text = klt::encodeStoredValue(slot.value))) return false;
+    if (!db_->putValue(slot.key, slot.position, text)) return false;
+    if (old && old->isMap && !db_->removeEntries(slot.key)) return false;
+    if (slot.isMap) {
+      for (const auto* e : slot.map.orderedEntries()) {
+        if (!putEntry(slot.key, *e)) return false;
+      }
+    }
+  }
   return true;
 }

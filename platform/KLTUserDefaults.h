@@ -1,19 +1,19 @@
 // KLTUserDefaults: the persistent property-list store (string keys to KLTValue trees, dates kept
 // as dates) behind the frequency counters.
 //
-// Durability: every successful synchronize() makes the whole current map durable against the
-// process being killed at any instant; reading the store back gives exactly the last synchronized
-// map, never a mix of two. The store is a snapshot file plus a journal beside it ("<path>.journal"):
-// synchronize() appends one checksummed record holding what changed since the last one (for a
-// dictionary value, only its changed entries), so that its cost follows the size of the change,
-// not of the map. When the journal grows past twice the snapshot (and past 64 KB), or when a change
-// cannot be replayed in the same key order (a key removed and set again), the map is compacted into
-// a new snapshot written to a temporary file and renamed over the old one. Reopening gives the map
-// with its keys in the order it was synchronized. A record cut off by a crash fails its
-// checksum and is dropped on the next load, with everything after it.
+// A dictionary value is held as a KLTSharedMap: readers can take it as a shared copy in O(1)
+// (sharedDictionaryForKey) and hand back a changed copy (setSharedDictionary) at the cost of what
+// changed. The store lives in one SQLite file (layout in KLTStoreDatabase.h), a dictionary value
+// stored entry by entry; synchronize() writes, in one transaction, only the top-level values and
+// dictionary entries that differ from what the file holds.
 //
-// A snapshot that cannot be read (wrong format, bad checksum, I/O error) is moved aside with an
-// ERROR log line and the store starts empty. One process owns a store file at a time.
+// Durability: every successful synchronize() is durable against the process being killed at any
+// instant; reading the store back gives exactly the last synchronized map, keys in the order they
+// were set, never a mix of two.
+//
+// A file that cannot be opened as a store (not a database, damaged, a value that does not read
+// back, a file of the earlier snapshot format) is moved aside ("<path>.unreadable") with one
+// ERROR line and the store starts empty. One process owns a store file at a time.
 //
 // Thread-safety: all operations may be called from any thread; they are serialised internally.
 #pragma once
@@ -22,17 +22,22 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "platform/KLTStoreFiles.h"
+#include "platform/KLTSharedMap.h"
+#include "platform/KLTStoreFaults.h"
 #include "platform/KLTValue.h"
+
+class KLTStoreDatabase;
 
 class KLTUserDefaults {
  public:
   // A store persisted at path (its folder is created when missing). An empty path gives a store
-  // that lives in memory only; its synchronize() always succeeds.
-  explicit KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFiles> files = nullptr);
+  // that lives in memory only; its synchronize() always succeeds. faults lets a test fail writes.
+  explicit KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults = nullptr);
   KLTUserDefaults(const KLTUserDefaults&) = delete;
   KLTUserDefaults& operator=(const KLTUserDefaults&) = delete;
   ~KLTUserDefaults();
@@ -49,7 +54,12 @@ class KLTUserDefaults {
 
   // A copy of the value under key; null when absent.
   KLTValue objectForKey(std::string_view key) const;
+  // The dictionary under key as a shared copy (O(1)); nothing when key is absent or holds
+  // something else.
+  std::optional<KLTSharedMap> sharedDictionaryForKey(std::string_view key) const;
+  // An existing key keeps its place; a new key goes last.
   void setObject(KLTValue value, std::string_view key);
+  void setSharedDictionary(KLTSharedMap map, std::string_view key);
   void removeObjectForKey(std::string_view key);
 
   // Makes the present map durable. Returns false when the write failed; the in-memory map keeps the
@@ -57,20 +67,28 @@ class KLTUserDefaults {
   bool synchronize();
 
   const std::filesystem::path& path() const { return path_; }
-  std::filesystem::path journalPath() const;
+
+  // A top-level value: a dictionary as a shared map, anything else as a plain value.
+  struct Slot {
+    std::string key;
+    int64_t position = 0;
+    bool isMap = false;
+    KLTValue value;
+    KLTSharedMap map;
+  };
 
  private:
   void load();
-  bool appendChanges();
-  bool compact();
+  bool readInto(std::vector<Slot>& slots, std::string& why);
+  bool write();
+  void put(Slot slot);
+  const Slot* find(std::string_view key) const;
 
   const std::filesystem::path path_;
-  const std::shared_ptr<KLTStoreFiles> files_;
+  const std::shared_ptr<KLTStoreFaults> faults_;
   mutable std::mutex mutex_;
-  KLTValue current_;    // dictionary: key -> value, as the callers see it
-  KLTValue persisted_;  // dictionary: what the files hold
-  uint64_t generation_ = 0;
-  std::uintmax_t snapshotSize_ = 0;
-  std::uintmax_t journalSize_ = 0;
-  bool journalValid_ = false;  // the journal file exists, is ours and ends in a whole record
+  std::unique_ptr<KLTStoreDatabase> db_;
+  std::vector<Slot> current_;    // as the callers see it, in order
+  std::vector<Slot> persisted_;  // what the file holds
+  int64_t nextPosition_ = 0;
 };

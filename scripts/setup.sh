@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-dev}"
 
-packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev zlib1g-dev
+packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev libsqlite3-dev
           libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
-#include "testsupport/KLTFaultyStoreFiles.h"
 #include "testsupport/KLTTestHost.h"
 
 namespace {
@@ -148,7 +147,7 @@ TEST_F(KLTCEFrequencyTest, LastObjectToSaveWins) {
 }
 
 TEST_F(KLTCEFrequencyTest, FailedSaveIsLoggedAndTheObjectKeepsCounting) {
-  auto files = std::make_shared<KLTFaultyStoreFiles>();
+  auto files = std::make_shared<KLTStoreFaults>();
   KLTUserDefaults::setStandardUserDefaults(std::make_shared<KLTUserDefaults>(host_.storePath(), files));
   files->failNextWrites(1);
   KLTCEFrequency f(KLTValue{{"count", 2}}, "cfg");
@@ -235,6 +234,83 @@ TEST(KLTCETimeLimitsTest, WindowEdges) {
                                "currentTimeBetweenLimits]:"),
               row.inside ? 0 : 1);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// 10,000 caps built as one parse, then displays counted on a few, checked against a model in which
+// each object copies the whole map when built and writes that copy back whole at every save (its
+// copy is taken only for the objects that count displays: the others never save again).
+TEST_F(KLTCEFrequencyTest, TenThousandCapsMatchAWholeMapCopyModel) {
+  using Map = std::vector<std::pair<std::string, KLTValue>>;  // the stored map, in key order
+  constexpr int kCaps = 10'000;
+  const std::vector<KLTValue> docs = {
+      {{"validity", "SESSION"}, {"count", 3}},
+      {{"validity", "OVERALL"}, {"count", 5}, {"day_lmt", 2}, {"time_interval", 60}},
+      {{"count", 0}, {"ses_lmt", 4}},
+      {{"validity", "session"}, {"count", "7"}},
+      KLTValue(),
+  };
+  const KLTValue today = klt::makeDate(host_.clock().now());
+  const auto limit = [](const KLTValue& v) -> int64_t { return klt::int32Value(v) < 1 ? kNoLimit : klt::int32Value(v); };
+  const auto built = [&](const KLTValue& d) {
+    KLTValue r = KLTValue::object();
+    if (d.contains("validity")) r["validity"] = d["validity"];
+    r["limit"] = limit(klt::valueForKey(d, "count"));
+    if (d.contains("time_interval")) r["time_interval"] = d["time_interval"];
+    if (r.value("validity", "") == "SESSION") {
+      r["count"] = 0;
+    } else {
+      r["ses_lmt"] = limit(klt::valueForKey(d, "ses_lmt"));
+      r["day_lmt"] = limit(klt::valueForKey(d, "day_lmt"));
+      r["day"] = today;
+      r["day_count"] = 0;
+    }
+    return r;
+  };
+  const auto counted = [](KLTValue r) {
+    if (r.value("validity", "") != "SESSION") {
+      const char* key = r["day_lmt"] != kNoLimit ? "day_count" : "session_count";
+      r[key] = r.value(key, 0) + 1;
+    }
+    r["count"] = r.value("count", 0) + 1;
+    return r;
+  };
+  const auto expectStored = [&](const Map& model, const std::string& when) {
+    SCOPED_TRACE(when);
+    const KLTValue stored = host_.store()->objectForKey(kKLTFrequencyStoreKey);
+    ASSERT_EQ(stored.size(), model.size());
+    auto it = stored.begin();
+    for (const auto& [id, record] : model) {
+      ASSERT_EQ(it.key(), id);
+      ASSERT_EQ(it.value(), record) << id;
+      ++it;
+    }
+  };
+  const std::vector<int> displays = {9999, 9999, 0, 4999, 1, 9998, 0, 4999, 2};
+  const std::string id0 = "cap";
+  Map disk;
+  std::map<int, Map> copies;  // index -> the model object's whole copy
+  std::vector<std::unique_ptr<KLTCEFrequency>> caps;
+  for (int i = 0; i < kCaps; ++i) {
+    caps.push_back(std::make_unique<KLTCEFrequency>(docs[i % docs.size()], id0 + std::to_string(i)));
+    disk.emplace_back(id0 + std::to_string(i), built(docs[i % docs.size()]));
+    if (std::find(displays.begin(), displays.end(), i) != displays.end()) copies[i] = disk;
+  }
+  expectStored(disk, "after the parse");
+  for (const int i : displays) {
+    const std::string id = id0 + std::to_string(i);
+    caps[i]->updateFrequencyForIdentifier(id);
+    Map& copy = copies[i];
+    auto mine = std::find_if(copy.begin(), copy.end(), [&](const auto& e) { return e.first == id; });
+    mine->second = counted(mine->second);
+    disk = copy;  // the whole copy, older records of other caps and all
+    expectStored(disk, "display on " + id);
+  }
+  host_.reopenStore();
+  expectStored(disk, "after reopening");
 }
 
 }  // namespace

@@ -1,19 +1,22 @@
-// The user-defaults store on its own: values read back equal (dates included) after a reopen, a
-// write cut off anywhere leaves the last synchronized map and is retried, and unreadable files are
-// moved aside. (Compaction under kills is in KLTStoreCrash_test.cpp.)
+// The user-defaults store on its own: values read back equal (dates included) after a reopen, key
+// order is kept, unreadable files are moved aside, failed writes are reported and retried, and a
+// synchronize writes only what changed. (Kills during writes: KLTStoreCrash_test.)
 #include "platform/KLTUserDefaults.h"
 
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "testsupport/KLTCapturedLog.h"
-#include "testsupport/KLTFaultyStoreFiles.h"
 #include "testsupport/KLTTestHost.h"
 
 namespace fs = std::filesystem;
@@ -26,9 +29,14 @@ std::string readFile(const fs::path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
+void writeFile(const fs::path& p, std::string_view data) {
+  std::ofstream out(p, std::ios::binary | std::ios::trunc);
+  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+}
 
 KLTValue counterRecord(int64_t count, int64_t daySeconds) {
-  return KLTValue{{"validity", "OVERALL"}, {"count", count}, {"day", klt::makeDate(at(daySeconds))}};
+  return KLTValue{{"validity", "OVERALL"}, {"limit", 5},          {"count", count},
+                  {"day", klt::makeDate(at(daySeconds))}, {"day_count", count % 3}};
 }
 
 class KLTUserDefaultsTest : public ::testing::Test {
@@ -38,67 +46,80 @@ class KLTUserDefaultsTest : public ::testing::Test {
   KLTScopedLogCapture capture_{2};
 };
 
-// Each step changes the map and saves it (through the journal after the first); the reopened store
-// holds the same values in the same key order. Removed and re-added keys once came back elsewhere.
-TEST_F(KLTUserDefaultsTest, ReopenedStoreHoldsTheSynchronizedValuesInTheirOrder) {
+TEST_F(KLTUserDefaultsTest, ValuesReadBackEqualAfterReopen) {
+  struct Row {
+    const char* note;
+    KLTValue value;
+  };
+  const std::vector<Row> rows = {
+      {"text", "SESSION"},
+      {"empty text", ""},
+      {"integer", 42},
+      {"negative 64-bit integer", int64_t{-9'000'000'000'000}},
+      {"floating", 2.5},
+      {"boolean", true},
+      {"list", KLTValue::array({1, "two", 3.0})},
+      {"date", klt::makeDate(at(1'767'225'600) + std::chrono::nanoseconds(123'456'789))},
+      {"date before the epoch", klt::makeDate(at(-86'400))},
+      {"nested dictionary with a date", KLTValue{{"cfg", counterRecord(7, 1'767'225'600)}}},
+      {"dictionaries shaped like stored tags", KLTValue{{"a", {{"$date", 5}}}, {"b", {{"$dict", {{"$date", "x"}}}}}}},
+      {"infinite floats", KLTValue::array({HUGE_VAL, -HUGE_VAL})},
+      {"empty dictionary", KLTValue::object()},
+  };
+  {
+    KLTUserDefaults store(path());
+    for (std::size_t i = 0; i < rows.size(); ++i) store.setObject(rows[i].value, "k" + std::to_string(i));
+    ASSERT_TRUE(store.synchronize());
+    // A second round changes single entries.
+    store.setObject(rows.back().value, "late");
+    store.setObject(KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}}, "k9");
+    ASSERT_TRUE(store.synchronize());
+  }
+  KLTUserDefaults reopened(path());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(rows[i].note);
+    const KLTValue expected = i == 9 ? KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}} : rows[i].value;
+    const KLTValue got = reopened.objectForKey("k" + std::to_string(i));
+    EXPECT_EQ(got, expected) << klt::textForm(got);
+    EXPECT_TRUE(klt::isEqual(got, expected));
+  }
+  EXPECT_TRUE(klt::isDate(reopened.objectForKey("k7")));
+  EXPECT_EQ(klt::dateValue(reopened.objectForKey("k9")["cfg"]["day"]), at(1'767'229'200));
+  EXPECT_EQ(reopened.objectForKey("late"), KLTValue::object());
+  EXPECT_TRUE(reopened.objectForKey("absent").is_null());
+  EXPECT_EQ(capture_.log().count("ERROR"), 0);
+}
+
+TEST_F(KLTUserDefaultsTest, ReopenedMapKeepsKeyOrderAfterRemovalsAndReadditions) {
   struct Step {
     const char* note;
     std::function<void(KLTValue&)> change;
   };
   const std::vector<Step> steps = {
-      {"values of every kind", [](KLTValue& m) {
-         m = KLTValue{{"text", ""}, {"int", int64_t{-9'000'000'000'000}}, {"float", 2.5}, {"bool", true},
-                      {"list", {1, "two", 3.0}}, {"date", klt::makeDate(at(-86'400) + std::chrono::nanoseconds(123))}};
-         for (int i = 0; i < 3; ++i) m["id" + std::to_string(i)] = counterRecord(i, 0);
-       }},
+      {"add records", [](KLTValue& m) { for (int i = 0; i < 5; ++i) m["id" + std::to_string(i)] = counterRecord(i, 0); }},
       {"change one record", [](KLTValue& m) { m["id2"]["count"] = 99; }},
+      {"remove an entry of a record", [](KLTValue& m) { m["id3"].erase("day"); }},
       {"remove and re-add a record", [](KLTValue& m) { auto r = m["id1"]; m.erase("id1"); m["id1"] = r; }},
-      {"remove an entry and add another", [](KLTValue& m) { m["id0"].erase("day"); m["id9"] = counterRecord(9, 9); }},
+      {"re-add an entry of a record", [](KLTValue& m) { m["id3"]["day"] = klt::makeDate(at(5)); }},
+      {"remove a record", [](KLTValue& m) { m.erase("id0"); }},
+      {"add after removal", [](KLTValue& m) { m["id9"] = counterRecord(9, 9); }},
   };
   KLTValue expected = KLTValue::object();
+  KLTValue other = "x";
   for (const auto& step : steps) {
     SCOPED_TRACE(step.note);
     {
       KLTUserDefaults store(path());
       step.change(expected);
       store.setObject(expected, "map");
-      store.removeObjectForKey("other");  // a top-level key removed and set again as well
-      store.setObject("x", "other");
+      // A top-level key removed and set again as well.
+      store.removeObjectForKey("other");
+      store.setObject(other, "other");
       ASSERT_TRUE(store.synchronize());
     }
     KLTUserDefaults reopened(path());
     EXPECT_EQ(reopened.objectForKey("map"), expected) << klt::textForm(reopened.objectForKey("map"));
-    EXPECT_TRUE(klt::isDate(reopened.objectForKey("map")["date"]));
-    EXPECT_EQ(reopened.objectForKey("other"), "x");
-  }
-  EXPECT_EQ(capture_.log().count("ERROR"), 0);
-}
-
-TEST_F(KLTUserDefaultsTest, WriteCutOffAtAnyByteLeavesLastSynchronizedMap) {
-  // For every cut point of the next journal record, the failed synchronize leaves the previous
-  // map on disk, and a retry in the same process then saves the new one.
-  for (std::size_t cut = 0; cut < 200; cut += 3) {
-    SCOPED_TRACE("cut after " + std::to_string(cut) + " bytes");
-    fs::remove_all(path().parent_path());
-    auto files = std::make_shared<KLTFaultyStoreFiles>();
-    const KLTValue before{{"a", counterRecord(1, 10)}, {"b", counterRecord(2, 20)}};
-    KLTValue after = before;
-    after["a"]["count"] = 2;
-    after["c"] = counterRecord(3, 30);
-    {
-      KLTUserDefaults store(path(), files);
-      store.setObject(KLTValue{{"a", counterRecord(0, 0)}}, "map");
-      ASSERT_TRUE(store.synchronize());
-      store.setObject(before, "map");
-      ASSERT_TRUE(store.synchronize());  // a record in the journal before the cut one
-      files->cutNextWriteAfter(cut);
-      store.setObject(after, "map");
-      EXPECT_FALSE(store.synchronize());
-      EXPECT_EQ(store.objectForKey("map"), after) << "the in-memory map keeps the new values";
-      EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), before);
-      EXPECT_TRUE(store.synchronize());
-    }
-    EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), after);
+    EXPECT_EQ(reopened.objectForKey("other"), other);
   }
 }
 
@@ -108,32 +129,115 @@ TEST_F(KLTUserDefaultsTest, UnreadableStoreIsMovedAsideAndStartsEmpty) {
     KLTUserDefaults store(path());
     store.setObject(KLTValue{{"a", counterRecord(1, 1)}}, "map");
     ASSERT_TRUE(store.synchronize());
-    valid = readFile(path());
   }
-  std::string flipped = valid;
-  flipped[flipped.size() - 2] ^= 0x20;
-  for (const std::string& content : {std::string("{\"klt_frequency_config\": {}}\n"), std::string(), valid.substr(0, 12),
-                                     valid.substr(0, valid.size() - 3), flipped, valid + "x"}) {
-    SCOPED_TRACE(content.size());
+  valid = readFile(path());
+  std::string damaged = valid;
+  damaged.replace(0, 16, "not a database!!");  // the file header
+  // A database whose stored value text does not read back.
+  const fs::path bad = dir_.path() / "bad";
+  {
+    sqlite3* db = nullptr;
+    sqlite3_open(bad.c_str(), &db);
+    sqlite3_exec(db,
+                 "CREATE TABLE defaults(key TEXT PRIMARY KEY, position INTEGER NOT NULL, value TEXT);"
+                 "CREATE TABLE entries(key TEXT, entry TEXT, position INTEGER, value TEXT);"
+                 "INSERT INTO defaults VALUES ('k', 0, '{not json');",
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+  }
+  std::mt19937 rng(7);
+  std::string garbage(3000, '\0');
+  for (auto& ch : garbage) ch = static_cast<char>(rng());
+  struct Row {
+    const char* note;
+    std::string content;
+    const char* why;
+  };
+  const std::vector<Row> rows = {
+      {"random bytes", garbage, "file is not a database"},
+      {"text file", "{\"klt_frequency_config\": {}}\n", "file is not a database"},
+      {"database header damaged", damaged, "file is not a database"},
+      {"value that does not read back", readFile(bad), "a stored value cannot be read"},
+      {"earlier snapshot format", std::string("KLTSNAP1") + std::string(40, '\1'), "earlier snapshot format"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
     fs::remove_all(path().parent_path());
     fs::create_directories(path().parent_path());
-    std::ofstream(path(), std::ios::binary) << content;
+    writeFile(path(), row.content);
     capture_.log().clear();
     {
       KLTUserDefaults store(path());
       EXPECT_TRUE(store.objectForKey("map").is_null());
-      EXPECT_EQ(capture_.log().count("-[KLTUserDefaults load]"), 1);
-      EXPECT_EQ(readFile(fs::path(path().string() + ".unreadable")), content) << "kept for inspection";
+      EXPECT_EQ(capture_.log().count("<KLT ERROR>"), 1);
+      EXPECT_TRUE(capture_.log().contains("-[KLTUserDefaults load]"));
+      EXPECT_TRUE(capture_.log().contains(row.why));
+      EXPECT_TRUE(readFile(fs::path(path().string() + ".unreadable")) == row.content) << "kept for inspection";
       store.setObject(1, "fresh");
       EXPECT_TRUE(store.synchronize());
     }
     EXPECT_EQ(KLTUserDefaults(path()).objectForKey("fresh"), 1);
   }
-  auto files = std::make_shared<KLTFaultyStoreFiles>();
-  files->failNextRead();
-  capture_.log().clear();
-  EXPECT_TRUE(KLTUserDefaults(path(), files).objectForKey("fresh").is_null());
-  EXPECT_EQ(capture_.log().count("<KLT ERROR>"), 1) << "a read error is reported";
+}
+
+TEST_F(KLTUserDefaultsTest, FailedWriteReportsFalseAndALaterSynchronizeSucceeds) {
+  struct Row {
+    const char* note;
+    int goodSyncsFirst;
+    int failures;
+  };
+  const std::vector<Row> rows = {
+      {"first write fails", 0, 1},
+      {"a later write fails", 2, 1},
+      {"three writes in a row fail", 2, 3},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    fs::remove_all(path().parent_path());
+    auto faults = std::make_shared<KLTStoreFaults>();
+    KLTUserDefaults store(path(), faults);
+    for (int i = 0; i < row.goodSyncsFirst; ++i) {
+      store.setObject(KLTValue{{"n", i}, {"m", -i}}, "map");
+      ASSERT_TRUE(store.synchronize());
+    }
+    const KLTValue saved = store.objectForKey("map");
+    faults->failNextWrites(row.failures);
+    for (int i = 0; i < row.failures; ++i) {
+      store.setObject(KLTValue{{"n", 100 + i}, {"m", -i}}, "map");
+      EXPECT_FALSE(store.synchronize());
+      EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), saved);
+    }
+    EXPECT_TRUE(store.synchronize());
+    EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), (KLTValue{{"n", 100 + row.failures - 1}, {"m", 1 - row.failures}}));
+  }
+}
+
+// Changing one entry of a large dictionary commits a few pages to the write-ahead log, not the map.
+TEST_F(KLTUserDefaultsTest, SynchronizeWritesOnlyTheChangedEntries) {
+  KLTUserDefaults store(path());
+  auto map = KLTSharedMap::fromDictionary(KLTValue::object());
+  for (int i = 0; i < 2000; ++i) map.set("id" + std::to_string(i), counterRecord(i, i));
+  store.setSharedDictionary(map, "map");
+  ASSERT_TRUE(store.synchronize());
+  const fs::path wal = path().string() + "-wal";
+  const auto whole = fs::file_size(wal);
+  constexpr int kRounds = 5;
+  for (int round = 0; round < kRounds; ++round) {
+    map.set("id" + std::to_string(round * 7), counterRecord(1000 + round, round));
+    store.setSharedDictionary(map, "map");
+    ASSERT_TRUE(store.synchronize());
+  }
+  EXPECT_LT((fs::file_size(wal) - whole) / kRounds, whole / 10) << "whole map " << whole << " bytes";
+  EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), map.toDictionary());
+}
+
+TEST_F(KLTUserDefaultsTest, MemoryOnlyStoreKeepsValuesAndAlwaysSynchronizes) {
+  KLTUserDefaults store{fs::path()};
+  store.setObject(KLTValue{{"a", 1}}, "map");
+  EXPECT_TRUE(store.synchronize());
+  EXPECT_EQ(store.objectForKey("map"), (KLTValue{{"a", 1}}));
+  store.removeObjectForKey("map");
+  EXPECT_TRUE(store.objectForKey("map").is_null());
 }
 
 }  // namespace

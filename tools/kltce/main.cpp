@@ -9,6 +9,8 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <new>
+#include <stdexcept>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -16,6 +18,7 @@
 #include <CLI/CLI.hpp>
 
 #include "platform/KLTLog.h"
+#include "platform/KLTSerialQueue.h"
 #include "tools/kltce/check.h"
 #include "tools/kltce/explain.h"
 #include "tools/kltce/json_text.h"
@@ -64,8 +67,7 @@ bool readInstantOption(const std::string& name, const std::string& text, std::op
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  std::ios::sync_with_stdio(false);
+static int runCommand(int argc, char** argv) {
   CLI::App app{"kltce: replay event streams against campaign documents, check documents, expand placeholders"};
   app.require_subcommand(1);
 
@@ -169,6 +171,11 @@ int main(int argc, char** argv) {
           ? kltce::runReplayWithDecisions(std::move(replayOptions), {explain, traceOpt->count() ? &traceFile : nullptr},
                                           *in, std::cout, std::cerr, std::cerr)
           : kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
+  // A task that threw on the engine's queue was logged and skipped there; the run is not sound.
+  if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
+    if (*failure == std::bad_alloc().what()) throw std::bad_alloc();
+    throw std::runtime_error(*failure);
+  }
   if (result.queueBlocked) {
     // The engine's worker never returns; ending normally would wait for it.
     std::cout.flush();
@@ -176,4 +183,24 @@ int main(int argc, char** argv) {
     std::_Exit(result.exitCode);
   }
   return result.exitCode;
+}
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  // Whatever escapes a command ends the run with one line and a failure code, never with 0.
+  try {
+    return runCommand(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::cout.flush();
+    std::cerr << "kltce: out of memory\n";
+  } catch (const std::exception& e) {
+    std::cout.flush();
+    std::cerr << "kltce: failed: " << e.what() << '\n';
+  } catch (...) {
+    std::cout.flush();
+    std::cerr << "kltce: failed: an exception of unknown type\n";
+  }
+  std::cerr.flush();
+  // The engine's worker may still hold work; ending normally would wait for it.
+  std::_Exit(kltce::kExitFailed);
 }

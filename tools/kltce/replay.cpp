@@ -318,16 +318,18 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
     error = "cannot write the state file " + shownPath + ": its folder is not writable (" + why + ")";
     return nullptr;
   }
-  fs::path journal = path;
-  journal += ".journal";
-  for (const auto& file : {path, journal}) {
+  // The store's write-ahead log and its index sit beside the file and go with it.
+  fs::path wal = path, shm = path;
+  wal += "-wal";
+  shm += "-shm";
+  for (const auto& file : {path, wal}) {
     if (fs::exists(file, ec) && !writable(file, why)) {
       error = "cannot write the state file '" + file.string() + "': " + why;
       return nullptr;
     }
   }
   if (fresh) {
-    for (const auto& file : {path, journal}) {
+    for (const auto& file : {path, wal, shm}) {
       fs::remove(file, ec);
       if (ec) {
         error = "cannot reset the state file '" + file.string() + "': " + ec.message();

@@ -58,6 +58,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitStopped = 1;   // a bad line under --strict
 inline constexpr int kExitUsage = 2;     // unusable document, profile, state path or option
 inline constexpr int kExitBlocked = 3;   // the engine's queue is blocked for good
+inline constexpr int kExitFailed = 4;    // an exception (out of memory included) stopped the work
 
 struct ReplayResult {
   int exitCode = kExitOk;
@@ -74,8 +75,8 @@ struct ReplayResult {
 // with --fresh, where counters live in memory only so that the default store is left alone.
 std::filesystem::path resolveStatePath(const std::optional<std::filesystem::path>& state, bool fresh);
 
-// Opens the counter store at path (memory only when empty). With fresh, the file and its journal
-// are removed first. nullptr, with error set to one line a person can act on, when the path
+// Opens the counter store at path (memory only when empty). With fresh, the file and its write-ahead
+// log are removed first. nullptr, with error set to one line a person can act on, when the path
 // cannot be used (a folder, a folder that cannot be created, no permission to write).
 std::shared_ptr<KLTUserDefaults> openStateStore(const std::filesystem::path& path, bool fresh, std::string& error);
 
