@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/KLTController.h"
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 
 namespace {
 
@@ -104,6 +104,32 @@ TEST(KLTController, DeliversByIdentifierAndByCode) {
     }
   }
   EXPECT_EQ(controller.deliverEvent(nullptr), 0u);
+}
+
+// Identifiers are routed by their code and name: only an exact "<code>___<name>" is ever reached.
+TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
+  struct Row {
+    std::string identifier;
+    unsigned long code;
+    std::string name;
+    bool delivered;
+  };
+  const std::vector<Row> rows = {
+      {"4___a___b", 4, "a___b", true},      {"4___", 4, "", true},
+      {"0___x", 0, "x", true},              {"18446744073709551615___x", ULONG_MAX, "x", true},
+      {"04___tap", 4, "tap", false},        {"+4___tap", 4, "tap", false},
+      {"tap", 4, "tap", false},             {"___tap", 0, "tap", false},
+      {"18446744073709551616___x", 0, "x", false}, {"4__tap", 4, "_tap", false},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.identifier);
+    KLTController controller;
+    auto listener = std::make_shared<CountingListener>();
+    controller.registerIdentifer(r.identifier, listener);
+    EXPECT_EQ(controller.registrationCount(), 1u);
+    EXPECT_EQ(controller.deliverEvent(KLTEvent::make(r.code, r.name, KLTValue())), r.delivered ? 1u : 0u);
+    EXPECT_EQ(listener->count, r.delivered ? 1 : 0);
+  }
 }
 
 TEST(KLTController, RemoveAllListenersForgetsEveryRegistration) {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/KLTSerialQueue.h"
+#include "platform/KLTThreadSerialQueue.h"
 #include "testsupport/KLTCapturedLog.h"
 
 namespace {
@@ -17,7 +17,7 @@ namespace {
 TEST(KLTSerialQueue, TasksFromSeveralProducersRunOneAtATimeInEachProducersOrder) {
   constexpr int kProducers = 4;
   constexpr int kTasksEach = 400;
-  KLTSerialQueue queue("test.producers");
+  KLTThreadSerialQueue queue("test.producers");
   std::atomic<int> inFlight{0};
   std::atomic<int> maxInFlight{0};
   // Written only by tasks: the queue's serial order is what makes these plain vectors safe.
@@ -51,7 +51,7 @@ TEST(KLTSerialQueue, TasksFromSeveralProducersRunOneAtATimeInEachProducersOrder)
 }
 
 TEST(KLTSerialQueue, WaitUntilIdleWaitsForEverythingPostedSoFar) {
-  KLTSerialQueue queue("test.idle");
+  KLTThreadSerialQueue queue("test.idle");
   std::promise<void> gate;
   std::shared_future<void> opened = gate.get_future().share();
   int counter = 0;  // read after waitUntilIdle(), which must order the tasks' writes before the read
@@ -72,7 +72,7 @@ TEST(KLTSerialQueue, WaitUntilIdleWaitsForEverythingPostedSoFar) {
 }
 
 TEST(KLTSerialQueue, WaitUntilIdleFromTheWorkerReturnsFalseInsteadOfDeadlocking) {
-  KLTSerialQueue queue("test.reentrant");
+  KLTThreadSerialQueue queue("test.reentrant");
   bool waited = true, waitedFor = true, onWorker = false;
   queue.async([&] {
     onWorker = queue.isCurrent();
@@ -89,7 +89,7 @@ TEST(KLTSerialQueue, WaitUntilIdleFromTheWorkerReturnsFalseInsteadOfDeadlocking)
 
 TEST(KLTSerialQueue, AThrowingTaskIsLoggedAndTheQueueGoesOn) {
   KLTScopedLogCapture capture(2);
-  KLTSerialQueue queue("test.throwing");
+  KLTThreadSerialQueue queue("test.throwing");
   std::vector<int> ran;
   queue.async([&] {
     ran.push_back(1);
@@ -112,7 +112,7 @@ TEST(KLTSerialQueue, DestructorRunsTheTasksAlreadyPosted) {
   auto counter = std::make_shared<int>(0);
   std::promise<void> gate;
   std::shared_future<void> opened = gate.get_future().share();
-  auto queue = std::make_unique<KLTSerialQueue>("test.destructor");
+  auto queue = std::make_unique<KLTThreadSerialQueue>("test.destructor");
   queue->async([opened] { opened.wait(); });
   for (int i = 0; i < 200; ++i) queue->async([counter] { ++*counter; });
   // A task posted by a task while the queue is being destroyed still runs.
