@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 
 namespace {
 

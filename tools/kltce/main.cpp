@@ -16,6 +16,7 @@
 #include <CLI/CLI.hpp>
 
 #include "platform/KLTLog.h"
+#include "tools/kltce/buffered_log.h"
 #include "tools/kltce/check.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/macros.h"
@@ -148,9 +149,12 @@ int main(int argc, char** argv) {
     in = &file;
     replayOptions.baseDir = std::filesystem::path(events).parent_path();
   }
+  // The engine's log goes out in blocks; the replay flushes it before each message of its own.
+  kltce::ScopedBufferedLog log;
   const kltce::ReplayResult result = kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
+  log.flush();
   if (result.queueBlocked) {
-    // The engine's worker never returns; ending normally would wait for it.
+    // The engine's queue never becomes idle; ending normally could wait for it.
     std::cout.flush();
     std::cerr.flush();
     std::_Exit(result.exitCode);
