@@ -107,6 +107,26 @@ TEST_F(KLTMacroHelperTest, ReplacesEveryOccurrenceOfTheMatchedText) {
   });
 }
 
+// A value holding its own placeholder twice doubles every occurrence at each of the k matches:
+// k * 2^k copies, kept exactly up to the bound, refused with one ERROR line past it.
+TEST_F(KLTMacroHelperTest, SelfRepeatingValueFillsExactlyUpToTheBound) {
+  const std::string p = "[user_n(x)]";
+  host_.controller().user()->setCustomInfoValue("n", p + p);
+  const auto times = [&](std::size_t k) {
+    std::string s;
+    for (std::size_t i = 0; i < k; ++i) s += p;
+    return s;
+  };
+  for (const std::size_t k : {1u, 3u, 12u}) {  // 12 * 4096 copies: 540 KB, under the 1 MiB floor
+    SCOPED_TRACE(k);
+    EXPECT_EQ(helper_.applyMacro(times(k)), times(k << k));
+  }
+  host_.log().clear();
+  EXPECT_EQ(helper_.applyMacro(times(22)), std::nullopt);
+  ASSERT_EQ(host_.log().lines().size(), 1u);
+  EXPECT_EQ(host_.log().lines()[0].rfind("<KLT ERROR> Filled text would pass 1048576 bytes", 0), 0u);
+}
+
 TEST_F(KLTMacroHelperTest, KeepsEveryScriptIntact) {
   host_.controller().session()->setCustomInfoValue("название", "Москва");
   expectCases({
