@@ -7,13 +7,13 @@
 KLTContextEvaluator& KLTContextEvaluator::sharedInstance() {
   // A function-local static makes the first creation thread-safe; the instance is never destroyed
   // because queued tasks and listeners refer to it for the rest of the process.
-  static KLTContextEvaluator* contextEvaluator = new KLTContextEvaluator();
+  static KLTContextEvaluator* contextEvaluator = new KLTContextEvaluator(takeChosenQueue());
   return *contextEvaluator;
 }
 
-KLTContextEvaluator::KLTContextEvaluator()
+KLTContextEvaluator::KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue)
     : macroHelper(std::make_unique<KLTMacroHelper>()),
-      _ceOpsSerialQueue(std::make_shared<KLTSerialQueue>(kKLTCEOpsSerialQueue)) {
+      _ceOpsSerialQueue(std::move(queue)) {
   KLT_LOG_INFO("-[KLTContextEvaluator init]",
                "CE Plugin (" + std::to_string(kKLTContextEvalutorVersion) + ") - Initialized");
 }

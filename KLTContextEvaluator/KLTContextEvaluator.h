@@ -28,6 +28,10 @@ class KLTContextEvaluator final : public KeltoPlugin {
  public:
   // The shared instance, created (and its start-up line logged) at the first call. Thread-safe.
   static KLTContextEvaluator& sharedInstance();
+  // Chooses the serial queue the shared instance will run its rule work on, in place of its own
+  // worker thread (for example a queue its owner drains, platform/KLTDrainedSerialQueue.h). Only
+  // before the first sharedInstance(): afterwards it answers false and the queue is not used.
+  static bool useSerialQueue(std::shared_ptr<KLTSerialQueue> queue);
 
   KLTContextEvaluator(const KLTContextEvaluator&) = delete;
   KLTContextEvaluator& operator=(const KLTContextEvaluator&) = delete;
@@ -37,7 +41,7 @@ class KLTContextEvaluator final : public KeltoPlugin {
   bool start() override;
   bool stop() override;
 
-  // The serial task queue of all rule work.
+  // The serial task queue of all rule work; the same for the life of the process.
   std::shared_ptr<KLTSerialQueue> ceOpsSerialQueue() const;
 
   // Queues the parse of a configuration document: configurations sorted by priority, admitted by
@@ -72,7 +76,9 @@ class KLTContextEvaluator final : public KeltoPlugin {
   std::shared_ptr<KLTCEConfigItem> configItemForIdentifier(const std::string& identifier) const;
 
  private:
-  KLTContextEvaluator();
+  explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);
+  // The queue chosen by useSerialQueue(), else a new worker-thread queue; no choice is taken after.
+  static std::shared_ptr<KLTSerialQueue> takeChosenQueue();
   void parseTask(const KLTValue& document);
   bool checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const;
   // The admission check in a parse; reports the admission to the observer when one is installed.

@@ -1,6 +1,9 @@
 #include "KLTContextEvaluator/KLTMacroHelper.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "host/KLTController.h"
 #include "host/KLTUtilities.h"
@@ -36,22 +39,33 @@ std::shared_ptr<const KLTValue> customInfoFor(bool user) {
   return s ? s->customInfo() : nullptr;
 }
 
-// Every occurrence of `from` (non-empty) replaced by `to`, scanning left to right without
-// rescanning what was put in.
-std::string replaceAll(const std::string& text, std::string_view from, std::string_view to) {
-  std::size_t at = text.find(from);
-  if (at == std::string::npos) return text;
-  std::string out;
-  out.reserve(text.size() + (to.size() > from.size() ? to.size() - from.size() : 0));
+// `text` with every occurrence of `from` (non-empty) replaced by `to`, scanning left to right
+// without rescanning what was put in, written into `out`. False, with `out` unspecified, when the
+// result would pass `limit` bytes.
+bool replaceAllInto(std::string_view text, std::string_view from, std::string_view to, std::size_t limit,
+                    std::string& out) {
+  out.clear();
   std::size_t done = 0;
-  while (at != std::string::npos) {
+  for (std::size_t at = text.find(from); at != std::string_view::npos; at = text.find(from, done)) {
+    if (out.size() + (at - done) + to.size() > limit) return false;
     out.append(text, done, at - done);
     out.append(to);
     done = at + from.size();
-    at = text.find(from, done);
   }
-  out.append(text, done, std::string::npos);
-  return out;
+  if (out.size() + (text.size() - done) > limit) return false;
+  out.append(text, done, std::string_view::npos);
+  return true;
+}
+
+// The calling thread's working storage, reused from call to call.
+struct Scratch {
+  std::vector<KLTRegexMatch> matches;
+  std::string other;
+};
+
+Scratch& scratch() {
+  thread_local Scratch s;
+  return s;
 }
 
 }  // namespace
@@ -66,13 +80,17 @@ const KLTRegex* KLTMacroHelper::placeholderPattern() const {
   return pattern_.get();
 }
 
+std::size_t KLTMacroHelper::filledTextLimit(std::size_t inputSize) {
+  const std::size_t scaled = inputSize > SIZE_MAX / kFilledTextGrowth ? SIZE_MAX : inputSize * kFilledTextGrowth;
+  return std::max(scaled, kFilledTextFloor);
+}
+
 std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) const {
   if (!KLTUtilities::isNonEmptyString(text)) {
     KLT_LOG_ERROR(kApplyMacroMethod, "Invalid string!");
     return std::nullopt;
   }
   const std::string& input = *klt::stringPtr(text);
-  std::string result = input;
 
   const KLTRegex* pattern = placeholderPattern();
   if (!pattern) {
@@ -80,9 +98,15 @@ std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) cons
     return std::nullopt;
   }
 
+  Scratch& work = scratch();
   // Matches come from the input as passed in, never from the partly filled result, so a filled-in
   // value is not itself searched for placeholders.
-  for (const KLTRegexMatch& match : pattern->matches(input)) {
+  pattern->matches(input, work.matches);
+  std::string result = input;
+  if (work.matches.empty()) return result;
+  const std::size_t limit = filledTextLimit(input.size());
+
+  for (const KLTRegexMatch& match : work.matches) {
     const std::string_view placeholder = std::string_view(input).substr(match.offset, match.length);
 
     bool fromUser;
@@ -103,13 +127,24 @@ std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) cons
     if (open == std::string_view::npos) continue;
     const std::size_t close = placeholder.find(')', open);
     if (close == std::string_view::npos) continue;
-    const std::string name(placeholder.substr(nameStart, open - nameStart));
+    const std::string_view name = placeholder.substr(nameStart, open - nameStart);
 
     std::optional<std::string> value;
     if (auto info = customInfoFor(fromUser)) value = replacementText(klt::valueForKey(*info, name));
     const std::string_view fill = value ? std::string_view(*value) : placeholder.substr(open + 1, close - open - 1);
 
-    result = replaceAll(result, placeholder, fill);
+    // Each placeholder replaces every occurrence in the text filled so far, including those a
+    // value brought in: a value holding its own placeholder doubles the text at each match, so
+    // the growth is bounded.
+    if (fill == placeholder) continue;  // replacing it by itself changes nothing
+    if (result.find(placeholder) == std::string::npos) continue;
+    if (!replaceAllInto(result, placeholder, fill, limit, work.other)) {
+      std::string().swap(work.other);  // do not keep a buffer this large for the thread
+      KLT_LOG_ERROR(kApplyMacroMethod, "Filled text would pass " + std::to_string(limit) +
+                                           " bytes; a custom info value repeats a placeholder");
+      return std::nullopt;
+    }
+    result.swap(work.other);
   }
   return result;
 }

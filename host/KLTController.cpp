@@ -1,7 +1,9 @@
 #include "host/KLTController.h"
 
 #include <algorithm>
+#include <charconv>
 #include <mutex>
+#include <optional>
 
 #include "platform/KLTClock.h"
 
@@ -18,6 +20,23 @@ std::string KLTController::listenerIdentifier(unsigned long code, const KLTValue
   return std::to_string(code) + "___" + klt::textForm(name);
 }
 
+namespace {
+
+// The code of an identifier "<code>___<name>" whose code part is exactly a code's decimal text (as
+// listenerIdentifier() and every delivery write it), and the name after the first "___".
+std::optional<std::pair<unsigned long, std::string_view>> splitIdentifier(std::string_view identifier) {
+  const auto sep = identifier.find("___");
+  if (sep == std::string_view::npos || sep == 0) return std::nullopt;
+  const std::string_view digits = identifier.substr(0, sep);
+  if (digits.size() > 1 && digits[0] == '0') return std::nullopt;
+  unsigned long code = 0;
+  const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), code);
+  if (ec != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+  return std::make_pair(code, identifier.substr(sep + 3));
+}
+
+}  // namespace
+
 void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener) {
   if (slot && std::find(slot->begin(), slot->end(), listener) != slot->end()) return;
   // Copy on write: deliveries in progress keep the list they took.
@@ -28,8 +47,16 @@ void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::sh
 
 void KLTController::registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener) {
   if (!listener) return;
+  const auto split = splitIdentifier(identifier);
   std::unique_lock lock(mutex_);
-  addUnique(byIdentifier_[identifier], std::move(listener));
+  if (!split) {
+    addUnique(undeliverable_[identifier], std::move(listener));
+    return;
+  }
+  ByName& names = byIdentifier_[split->first];
+  auto it = names.find(split->second);
+  if (it == names.end()) it = names.emplace(std::string(split->second), nullptr).first;
+  addUnique(it->second, std::move(listener));
 }
 
 void KLTController::registerForEventWithType(unsigned long eventType, std::shared_ptr<KLTEventListener> listener) {
@@ -40,11 +67,12 @@ void KLTController::registerForEventWithType(unsigned long eventType, std::share
 
 std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& event) {
   if (!event) return 0;
-  const std::string key = std::to_string(event->eventType) + "___" + event->identifier;
   std::shared_ptr<const ListenerList> named, typed;
   {
     std::shared_lock lock(mutex_);
-    if (auto it = byIdentifier_.find(key); it != byIdentifier_.end()) named = it->second;
+    if (auto codes = byIdentifier_.find(event->eventType); codes != byIdentifier_.end()) {
+      if (auto it = codes->second.find(std::string_view(event->identifier)); it != codes->second.end()) named = it->second;
+    }
     if (auto it = byType_.find(event->eventType); it != byType_.end()) typed = it->second;
   }
   std::size_t deliveries = 0;
@@ -99,16 +127,23 @@ void KLTController::setSession(std::shared_ptr<KLTSession> session) {
 
 void KLTController::removeAllListeners() {
   std::unique_lock lock(mutex_);
-  for (auto& [key, list] : byIdentifier_) retired_.push_back(std::move(list));
+  for (auto& [code, names] : byIdentifier_) {
+    for (auto& [name, list] : names) retired_.push_back(std::move(list));
+  }
+  for (auto& [key, list] : undeliverable_) retired_.push_back(std::move(list));
   for (auto& [key, list] : byType_) retired_.push_back(std::move(list));
   byIdentifier_.clear();
+  undeliverable_.clear();
   byType_.clear();
 }
 
 std::size_t KLTController::registrationCount() const {
   std::shared_lock lock(mutex_);
   std::size_t n = 0;
-  for (const auto& [key, list] : byIdentifier_) n += list ? list->size() : 0;
+  for (const auto& [code, names] : byIdentifier_) {
+    for (const auto& [name, list] : names) n += list ? list->size() : 0;
+  }
+  for (const auto& [key, list] : undeliverable_) n += list ? list->size() : 0;
   for (const auto& [key, list] : byType_) n += list ? list->size() : 0;
   return n;
 }

@@ -2,7 +2,8 @@
 // evaluator reaches the host.
 //
 // - A listener registry keyed by listener identifier ("%lu___%@": event code, three underscores,
-//   name; see listenerIdentifier()) and by event code. deliverEvent() reaches every listener
+//   name; see listenerIdentifier()) and by event code. Identifiers are kept split into their code
+//   and name, so that a delivery finds its listeners without building the identifier text. deliverEvent() reaches every listener
 //   registered under the event's identifier key and every listener registered for its code. A
 //   listener registered several times under the same key receives each event once for that key.
 //   Listeners are held strongly for the life of the registry.
@@ -20,6 +21,7 @@
 #include <memory>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -67,10 +69,20 @@ class KLTController {
 
  private:
   using ListenerList = std::vector<std::shared_ptr<KLTEventListener>>;
-  static void addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener);
+  using ListSlot = std::shared_ptr<const ListenerList>;
+  // Names looked up by string_view, without a std::string per lookup.
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  };
+  using ByName = std::unordered_map<std::string, ListSlot, NameHash, std::equal_to<>>;
+  static void addUnique(ListSlot& slot, std::shared_ptr<KLTEventListener> listener);
 
   mutable std::shared_mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<const ListenerList>> byIdentifier_;
+  // Identifiers "<code>___<name>" by code, then name. An identifier that no event's can equal (its
+  // code part is not a code's decimal text) stays registered, and counted, but is never delivered.
+  std::unordered_map<unsigned long, ByName> byIdentifier_;
+  std::unordered_map<std::string, ListSlot> undeliverable_;
   std::unordered_map<unsigned long, std::shared_ptr<const ListenerList>> byType_;
   std::vector<std::shared_ptr<const ListenerList>> retired_;
   std::shared_ptr<DispatchHandler> dispatchHandler_;

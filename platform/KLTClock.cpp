@@ -3,6 +3,7 @@
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
 
+#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
@@ -59,6 +60,15 @@ std::shared_ptr<KLTClock>& clockSlot() {
   return slot;
 }
 
+// Bumped by every setCurrent(): a thread's cached clock is current while the numbers agree.
+// Starts at 1 so that a thread's empty cache (generation 0) is never taken for current.
+std::atomic<uint64_t> clockGeneration{1};
+
+struct CachedClock {
+  uint64_t generation = 0;
+  std::shared_ptr<KLTClock> clock;
+};
+
 }  // namespace
 
 std::shared_ptr<const KLTTimeZone> KLTTimeZone::named(const std::string& id) {
@@ -88,14 +98,22 @@ KLTLocalTime KLTTimeZone::localTimeAt(KLTTimePoint t) const {
 }
 
 std::shared_ptr<KLTClock> KLTClock::current() {
-  std::lock_guard lock(clockMutex());
-  return clockSlot();
+  // Every engine step reads the clock: one atomic load on the common path instead of a lock
+  // shared by every thread of the process.
+  thread_local CachedClock cached;
+  if (cached.generation != clockGeneration.load(std::memory_order_acquire)) {
+    std::lock_guard lock(clockMutex());
+    cached.clock = clockSlot();
+    cached.generation = clockGeneration.load(std::memory_order_relaxed);
+  }
+  return cached.clock;
 }
 
 std::shared_ptr<KLTClock> KLTClock::setCurrent(std::shared_ptr<KLTClock> clock) {
   if (!clock) clock = std::make_shared<KLTRealClock>();
   std::lock_guard lock(clockMutex());
   clockSlot().swap(clock);
+  clockGeneration.fetch_add(1, std::memory_order_release);
   return clock;
 }
 

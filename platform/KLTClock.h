@@ -4,7 +4,9 @@
 // real clock until the embedding code (or a test, or the replay tool) installs another, such as a
 // virtual clock that makes a 30-second timer fire without real waiting.
 //
-// Thread-safety: every operation may be called from any thread.
+// Thread-safety: every operation may be called from any thread. Reading the process-wide clock
+// takes no process-wide lock: each thread keeps the clock it last read and looks again only after
+// setCurrent().
 #pragma once
 
 #include <chrono>
@@ -45,6 +47,12 @@ class KLTTimeZone {
   KLTTimeZone() = default;
 };
 
+// Thrown out of sleepUntil() by a clock that cannot block its thread for ever (a virtual clock
+// told so, on a thread that drains a queue itself) when the deadline never comes. The queue that
+// ran the waiting task catches it and stays held for good (platform/KLTDrainedSerialQueue.h);
+// nothing else is meant to catch it.
+struct KLTEndlessWait {};
+
 class KLTClock {
  public:
   KLTClock() = default;
@@ -62,7 +70,8 @@ class KLTClock {
   // requested through the token (returns false). KLTTimePoint::max() is a deadline that never comes.
   virtual bool sleepUntil(KLTTimePoint deadline, std::stop_token stop) = 0;
 
-  // The process-wide clock (a real clock unless replaced).
+  // The process-wide clock (a real clock unless replaced). A thread that read the previous clock
+  // holds it until its next read after a replacement.
   static std::shared_ptr<KLTClock> current();
   // Replaces the process-wide clock; nullptr restores a real clock. Returns the previous one.
   static std::shared_ptr<KLTClock> setCurrent(std::shared_ptr<KLTClock> clock);

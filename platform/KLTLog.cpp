@@ -31,18 +31,34 @@ std::shared_ptr<KLTLogSink>& sinkSlot() {
   return slot;
 }
 
+// Bumped by every setSink(): a thread's cached sink is current while the numbers agree (starts at
+// 1 so that an empty cache is never taken for current).
+std::atomic<uint64_t> sinkGeneration{1};
+
+struct CachedSink {
+  uint64_t generation = 0;
+  std::shared_ptr<KLTLogSink> sink;
+};
+
 }  // namespace
 
 std::shared_ptr<KLTLogSink> KLTLog::setSink(std::shared_ptr<KLTLogSink> sink) {
   if (!sink) sink = std::make_shared<StderrSink>();
   std::lock_guard lock(sinkMutex());
   sinkSlot().swap(sink);
+  sinkGeneration.fetch_add(1, std::memory_order_release);
   return sink;
 }
 
 std::shared_ptr<KLTLogSink> KLTLog::sink() {
-  std::lock_guard lock(sinkMutex());
-  return sinkSlot();
+  // Read at every log line: one atomic load on the common path rather than a process-wide lock.
+  thread_local CachedSink cached;
+  if (cached.generation != sinkGeneration.load(std::memory_order_acquire)) {
+    std::lock_guard lock(sinkMutex());
+    cached.sink = sinkSlot();
+    cached.generation = sinkGeneration.load(std::memory_order_relaxed);
+  }
+  return cached.sink;
 }
 
 bool KLTLog::enabled(KLTLogLevel level) {

@@ -28,6 +28,8 @@ class KLTLogSink {
   virtual ~KLTLogSink() = default;
   // Receives one formatted line, ending in "\n".
   virtual void write(std::string_view line) = 0;
+  // Writes out whatever a buffering sink still holds (nothing to do for the others).
+  virtual void flush() {}
 };
 
 class KLTLog {
@@ -35,6 +37,9 @@ class KLTLog {
   // Installs the process-wide sink; nullptr restores standard error. Returns the previous sink.
   static std::shared_ptr<KLTLogSink> setSink(std::shared_ptr<KLTLogSink> sink);
   static std::shared_ptr<KLTLogSink> sink();
+  // Flushes the present sink: call it before writing to the same place by another way, so that a
+  // buffering sink's lines come first.
+  static void flush() { sink()->flush(); }
 
   // Whether a line of this level passes the present LOG_LEVEL.
   static bool enabled(KLTLogLevel level);

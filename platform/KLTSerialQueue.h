@@ -1,57 +1,44 @@
-// KLTSerialQueue: a serial task queue with one worker thread. Tasks run one at a time, in the order
-// they were posted, across all posting threads.
+// KLTSerialQueue: the seam of a serial task queue. Tasks run one at a time, in the order they were
+// posted, across all posting threads. Two implementations:
+// - KLTThreadSerialQueue (platform/KLTThreadSerialQueue.h): one worker thread runs the tasks;
+// - KLTDrainedSerialQueue (platform/KLTDrainedSerialQueue.h): the owner's thread runs them when it
+//   drains the queue (the replay tool, which needs no thread hand-off).
 //
-// Thread-safety: async() and waitUntilIdle() may be called from any thread. A task that throws is
-// caught and logged at ERROR level; the queue goes on with the next task.
-// Destruction runs the tasks already posted, then joins the worker; a task that never returns
-// therefore blocks the destructor.
+// Thread-safety and failure rules are those of each implementation; both let async() be called
+// from any thread and contain a task that throws.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 class KLTSerialQueue {
  public:
-  explicit KLTSerialQueue(std::string label);
+  KLTSerialQueue() = default;
   KLTSerialQueue(const KLTSerialQueue&) = delete;
   KLTSerialQueue& operator=(const KLTSerialQueue&) = delete;
-  ~KLTSerialQueue();
+  virtual ~KLTSerialQueue() = default;
 
   // Posts a task and returns at once.
-  void async(std::function<void()> task);
+  virtual void async(std::function<void()> task) = 0;
 
   // Blocks until every task posted before the call has run. Returns false at once when called from
-  // the worker itself (it would wait for its own task), true otherwise.
-  bool waitUntilIdle();
+  // a task of this queue (it would wait for its own task), true otherwise.
+  virtual bool waitUntilIdle() = 0;
   // The same, giving up after a real-time timeout (returns false then).
-  bool waitUntilIdleFor(std::chrono::milliseconds timeout);
+  virtual bool waitUntilIdleFor(std::chrono::milliseconds timeout) = 0;
 
-  // Whether the calling thread is this queue's worker.
-  bool isCurrent() const;
-  const std::string& label() const { return label_; }
+  // Whether the calling thread is running one of this queue's tasks.
+  virtual bool isCurrent() const = 0;
+  virtual const std::string& label() const = 0;
 
   // What the first task to throw in this process threw (across every queue), so that a program
   // such as the command-line tool can fail rather than carry on as if nothing happened; nothing
-  // while no task has thrown.
+  // while no task has thrown. Safe from any thread.
   static std::optional<std::string> firstTaskFailure();
 
- private:
-  void workerLoop();
-
-  const std::string label_;
-  mutable std::mutex mutex_;
-  std::condition_variable workAvailable_;
-  std::condition_variable progress_;
-  std::deque<std::function<void()>> tasks_;
-  uint64_t posted_ = 0;
-  uint64_t completed_ = 0;
-  bool stopping_ = false;
-  std::thread worker_;
+ protected:
+  // Called by the implementations when a task throws; keeps only the first failure.
+  static void recordTaskFailure(const char* what);
 };

@@ -88,6 +88,30 @@ TEST(KLTController, DeliversByIdentifierAndByCode) {
 
 // Readers on several threads see whole attribute sets while a writer replaces them, the user
 // and session objects themselves, and the registry (checked by ThreadSanitizer as well).
+// Identifiers are routed by their code and name: only an exact "<code>___<name>" is ever reached.
+TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
+  struct Row {
+    std::string identifier;
+    unsigned long code;
+    std::string name;
+    bool delivered;
+  };
+  const std::vector<Row> rows = {
+      {"4___a___b", 4, "a___b", true},      {"4___", 4, "", true},
+      {"0___x", 0, "x", true},              {"18446744073709551615___x", ULONG_MAX, "x", true},
+      {"04___tap", 4, "tap", false},        {"+4___tap", 4, "tap", false},
+      {"tap", 4, "tap", false},             {"___tap", 0, "tap", false},
+      {"18446744073709551616___x", 0, "x", false}, {"4__tap", 4, "_tap", false},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.identifier);
+    KLTController controller;
+    auto listener = std::make_shared<CountingListener>();
+    controller.registerIdentifer(r.identifier, listener);
+    EXPECT_EQ(controller.deliverEvent(KLTEvent::make(r.code, r.name, KLTValue())), r.delivered ? 1u : 0u);
+  }
+}
+
 TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
   KLTController controller;
   constexpr int kRounds = 2000;

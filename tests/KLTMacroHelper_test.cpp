@@ -20,7 +20,7 @@ TEST(KLTMacroHelper, FillsPlaceholders) {
   KLTTestHost host(0);
   host.controller().user()->setCustomInfo(KLTValue{{"name", "Ana"},       {"plan", "basic+"},    {" name ", "spaced"},
                                                    {"empty", ""},         {"n", 42},             {"list", {1}},
-                                                   {"later", "[user_target(t)]"}, {"target", "T"}, {"bad", "\xFE\xFF"},
+                                                   {"later", "[user_target(t)]"}, {"target", "T"}, {"first", "F"}, {"back", "[user_first(f)]"}, {"bad", "\xFE\xFF"},
                                                    {"όνομα", "Ελένη"}});
   host.controller().session()->setCustomInfo(KLTValue{{"plan", "pro"}, {"город", "Санкт-Петербург"}});
   struct Row {
@@ -43,6 +43,7 @@ TEST(KLTMacroHelper, FillsPlaceholders) {
       {"[user_[user_name(x)](c)]", "[user_Ana(c)]", "inner placeholder filled; the outcome is not rescanned"},
       {"[user_name(x)] & [user_name(x)]!", "Ana & Ana!", "placeholder that stands twice"},
       {"[user_later(x)] [user_target(t)]", "T T", "value holding a later placeholder is filled there too"},
+      {"[user_first(f)] [user_back(r)]", "F [user_first(f)]", "value holding an earlier one stays"},
       {"🙂 Γειά [user_όνομα(φίλε)]!", "🙂 Γειά Ελένη!", "Greek after emoji"},
       {"[session_город(Москва)] 🚀 [session_страна(Россия)]", "Санкт-Петербург 🚀 Россия", "Cyrillic value and default"},
       {"\xF0\x9F\x99[user_name(x)]\xC0\xAF", "\xF0\x9F\x99" "Ana\xC0\xAF", "truncated emoji before, overlong after"},
@@ -60,6 +61,28 @@ TEST(KLTMacroHelper, FillsPlaceholders) {
     EXPECT_EQ(helper.applyMacro(input), std::nullopt);
     EXPECT_EQ(host.log().count("<KLT ERROR> Invalid string! -[KLTMacroHelper applyMacro:]:"), 1);
   }
+}
+
+// A value holding its own placeholder twice doubles every occurrence at each of the k matches:
+// k * 2^k copies, kept exactly up to the bound, refused with one ERROR line past it.
+TEST(KLTMacroHelper, SelfRepeatingValueFillsExactlyUpToTheBound) {
+  KLTTestHost host(2);
+  const std::string p = "[user_n(x)]";
+  host.controller().user()->setCustomInfoValue("n", p + p);
+  const auto times = [&](std::size_t k) {
+    std::string s;
+    for (std::size_t i = 0; i < k; ++i) s += p;
+    return s;
+  };
+  KLTMacroHelper helper;
+  for (const std::size_t k : {1u, 3u, 12u}) {  // 12 * 4096 copies: 540 KB, under the 1 MiB floor
+    SCOPED_TRACE(k);
+    EXPECT_EQ(helper.applyMacro(times(k)), times(k << k));
+  }
+  host.log().clear();
+  EXPECT_EQ(helper.applyMacro(times(22)), std::nullopt);
+  ASSERT_EQ(host.log().lines().size(), 1u);
+  EXPECT_EQ(host.log().lines()[0].rfind("<KLT ERROR> Filled text would pass 1048576 bytes", 0), 0u);
 }
 
 TEST(KLTMacroHelper, ReplaceMacrosDoesNotWaitForTheSerialQueue) {

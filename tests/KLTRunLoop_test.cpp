@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 
 namespace {
 

@@ -9,14 +9,14 @@
 #include <thread>
 #include <vector>
 
-#include "platform/KLTSerialQueue.h"
+#include "platform/KLTThreadSerialQueue.h"
 #include "testsupport/KLTCapturedLog.h"
 
 namespace {
 
 TEST(KLTSerialQueue, TasksFromSeveralProducersRunOneAtATimeInEachProducersOrder) {
   constexpr int kProducers = 4, kTasksEach = 400;
-  KLTSerialQueue queue("test.producers");
+  KLTThreadSerialQueue queue("test.producers");
   std::atomic<int> inFlight{0}, overlaps{0};
   // Written only by tasks: the queue's serial order is what makes these plain vectors safe.
   std::vector<std::vector<int>> seen(kProducers);
@@ -42,7 +42,7 @@ TEST(KLTSerialQueue, TasksFromSeveralProducersRunOneAtATimeInEachProducersOrder)
 }
 
 TEST(KLTSerialQueue, WaitUntilIdleWaitsForEverythingPostedSoFarAndNeverDeadlocksOnTheWorker) {
-  KLTSerialQueue queue("test.idle");
+  KLTThreadSerialQueue queue("test.idle");
   std::promise<void> gate;
   std::shared_future<void> opened = gate.get_future().share();
   int counter = 0;  // read after waitUntilIdle(), which must order the tasks' writes before the read
@@ -68,7 +68,7 @@ TEST(KLTSerialQueue, WaitUntilIdleWaitsForEverythingPostedSoFarAndNeverDeadlocks
 
 TEST(KLTSerialQueue, AThrowingTaskIsLoggedAndTheQueueGoesOn) {
   KLTScopedLogCapture capture(2);
-  KLTSerialQueue queue("test.throwing");
+  KLTThreadSerialQueue queue("test.throwing");
   std::vector<int> ran;
   queue.async([&] { ran.push_back(1), throw std::runtime_error("boom"); });
   queue.async([&] { ran.push_back(2), throw 42; });

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/KLTLog.h"
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
@@ -82,6 +83,42 @@ TEST(KltceReplay, ScriptedStreams) {
       EXPECT_EQ(o.err, "");
     }
   }
+}
+
+// Holds the engine's lines until flushed, as the tool's buffered sink does, writing them to the
+// stream that also receives the tool's own messages.
+class FlushOnlySink final : public KLTLogSink {
+ public:
+  explicit FlushOnlySink(std::ostream& to) : to_(to) {}
+  void write(std::string_view line) override { held_.append(line); }
+  void flush() override {
+    to_ << held_;
+    held_.clear();
+  }
+
+ private:
+  std::ostream& to_;
+  std::string held_;
+};
+
+TEST(KltceReplay, EngineLinesMadeBeforeAMessageComeOutBeforeIt) {
+  const auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
+  std::ostringstream out, transcript;
+  auto sink = std::make_shared<FlushOnlySink>(transcript);
+  const auto previous = KLTLog::setSink(sink);
+  const long level = LOG_LEVEL.exchange(2);
+  std::istringstream in(tap("2026-11-22T09:00:00Z") + R"({"action":"shown","id":"tap_promo"})" + "\n" +
+                        tap("2026-11-22T09:01:00Z") + "{oops\n");
+  kltce::runReplay(options, in, out, transcript);
+  sink->flush();
+  KLTLog::setSink(previous);
+  LOG_LEVEL = level;
+  const std::string t = transcript.str();
+  const auto capped = t.find("<KLT INFO> Action count limit exceeded");
+  const auto message = t.find("kltce: line 4: not valid JSON");
+  ASSERT_NE(capped, std::string::npos) << t;
+  ASSERT_NE(message, std::string::npos) << t;
+  EXPECT_LT(capped, message) << t;
 }
 
 TEST(KltceReplay, CountersSurviveABadLine) {

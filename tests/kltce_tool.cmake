@@ -58,6 +58,10 @@ kltce_e2e(bad_line_strict_stops
 kltce_e2e(blocked_queue_named
   ARGS run|--document|${kltce_data}/blocked.json|--profile|${kltce_data}/profile.json|--fresh|--events|${kltce_data}/taps.jsonl
   EXPECT_RC 3 EXPECT_ERR "line 1: the engine's queue is blocked for good.*campaign stuck_timer, conditions\\[0\\]\\.details\\.additional_info\\.time")
+# A time of 2^70 ms is not negative: it reads as the largest interval, whose end the clock cannot hold.
+kltce_e2e(blocked_queue_too_long_named
+  ARGS run|--document|${kltce_data}/endless.json|--profile|${kltce_data}/profile.json|--fresh|--events|${kltce_data}/taps.jsonl
+  EXPECT_RC 3 EXPECT_ERR "line 1: the engine's queue is blocked for good: a timer condition \\(idle_time or activity_time\\) with a .time. too long to ever end was armed.*campaign endless_timer, conditions\\[0\\]\\.details\\.additional_info\\.time: time 9223372036854775807 ms is too long")
 
 # Counters persist between two runs that share --state: the second run's tap finds the cap reached.
 kltce_e2e(state_first_run

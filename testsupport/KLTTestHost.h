@@ -19,7 +19,7 @@
 #include "host/KLTController.h"
 #include "platform/KLTUserDefaults.h"
 #include "testsupport/KLTCapturedLog.h"
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 
 // A unique temporary folder, removed with everything in it on destruction.
 class KLTTempDir {

@@ -1,8 +1,10 @@
 #include "tools/kltce/check.h"
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
-#include "testsupport/KLTCapturedLog.h"
-#include "testsupport/KLTVirtualClock.h"
+#include <mutex>
+
+#include "platform/KLTLog.h"
+#include "platform/KLTVirtualClock.h"
 #include "tools/kltce/json_text.h"
 
 namespace kltce {
@@ -31,6 +33,37 @@ std::string idText(const CampaignVerdict& v) {
   if (const std::string* s = klt::stringPtr(v.id)) return *s;
   return "configs[" + std::to_string(v.index) + "] (no _id)";
 }
+
+// Keeps the engine's log lines of one admission check (at LOG_LEVEL 0) instead of writing them,
+// and restores the previous sink and level when it goes.
+class CheckLogCapture final : public KLTLogSink {
+ public:
+  static std::shared_ptr<CheckLogCapture> install() {
+    auto capture = std::make_shared<CheckLogCapture>();
+    capture->previousLevel_ = LOG_LEVEL.load();
+    capture->previous_ = KLTLog::setSink(capture);
+    LOG_LEVEL = 0;
+    return capture;
+  }
+  void uninstall() {
+    KLTLog::setSink(previous_);
+    LOG_LEVEL = previousLevel_;
+  }
+  void write(std::string_view line) override {
+    std::lock_guard lock(mutex_);
+    lines_.emplace_back(line);
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+  std::shared_ptr<KLTLogSink> previous_;
+  long previousLevel_ = 0;
+};
 
 // Restores the process-wide clock when the check is done.
 class ClockOverride {
@@ -63,9 +96,10 @@ std::vector<CampaignVerdict> checkCampaigns(const KLTValue& configs) {
     v.index = i;
     v.id = klt::valueForKey(configs[i], "_id");
     {
-      KLTScopedLogCapture capture(0);
+      auto capture = CheckLogCapture::install();
       v.admitted = evaluator.checkConfiguration(configs[i]);
-      if (!v.admitted) v.reason = reasonFrom(capture.log().lines());
+      capture->uninstall();
+      if (!v.admitted) v.reason = reasonFrom(capture->lines());
     }
     if (v.admitted) v.findings = analyzeCampaign(configs[i]);
     verdicts.push_back(std::move(v));

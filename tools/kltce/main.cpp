@@ -19,6 +19,7 @@
 
 #include "platform/KLTLog.h"
 #include "platform/KLTSerialQueue.h"
+#include "tools/kltce/buffered_log.h"
 #include "tools/kltce/check.h"
 #include "tools/kltce/explain.h"
 #include "tools/kltce/json_text.h"
@@ -166,18 +167,21 @@ static int runCommand(int argc, char** argv) {
       return kExitUsage;
     }
   }
+  // The engine's log goes out in blocks; the replay flushes it before each message of its own.
+  kltce::ScopedBufferedLog log;
   const kltce::ReplayResult result =
       explain || traceOpt->count()
           ? kltce::runReplayWithDecisions(std::move(replayOptions), {explain, traceOpt->count() ? &traceFile : nullptr},
                                           *in, std::cout, std::cerr, std::cerr)
           : kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
+  log.flush();
   // A task that threw on the engine's queue was logged and skipped there; the run is not sound.
   if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
     if (*failure == std::bad_alloc().what()) throw std::bad_alloc();
     throw std::runtime_error(*failure);
   }
   if (result.queueBlocked) {
-    // The engine's worker never returns; ending normally would wait for it.
+    // The engine's queue never becomes idle; ending normally could wait for it.
     std::cout.flush();
     std::cerr.flush();
     std::_Exit(result.exitCode);

@@ -9,11 +9,13 @@
 #include <system_error>
 #include <vector>
 
+#include "KLTContextEvaluator/KLTCEConstants.h"
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
 #include "host/KLTUtilities.h"
+#include "platform/KLTDrainedSerialQueue.h"
 #include "platform/KLTLog.h"
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 #include "tools/kltce/analysis.h"
 #include "tools/kltce/display_table.h"
 #include "tools/kltce/json_text.h"
@@ -26,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// How often (real time) a busy queue is looked at for a timer that never ends.
+// How often (real time) a busy worker-thread queue is looked at for a timer that never ends.
 constexpr std::chrono::milliseconds kBlockedPoll{20};
 constexpr std::chrono::seconds kProgressAfter{1};
 constexpr std::chrono::milliseconds kProgressEvery{250};
@@ -86,11 +88,18 @@ class ReplayHost {
     return out;
   }
 
-  // Waits until the engine's queue has run everything posted so far. False when a timer that never
-  // ends holds it: then it never becomes idle.
+  // Runs (or, on a worker-thread queue, waits for) everything posted to the engine's queue so far.
+  // False when a timer that never ends holds it: then it never becomes idle.
   bool drain() {
-    auto queue = KLTContextEvaluator::sharedInstance().ceOpsSerialQueue();
-    while (!queue->waitUntilIdleFor(kBlockedPoll)) {
+    if (!queue_) {
+      // Looked up at the first drain, after the engine's first use by the replay.
+      queue_ = KLTContextEvaluator::sharedInstance().ceOpsSerialQueue();
+      drained_ = dynamic_cast<KLTDrainedSerialQueue*>(queue_.get());
+      // Tasks run on this thread, which must not block: an endless wait unwinds and holds the queue.
+      if (drained_) clock_->setUnwindEndlessWaits(true);
+    }
+    if (drained_) return drained_->drain();
+    while (!queue_->waitUntilIdleFor(kBlockedPoll)) {
       if (clock_->blockedForeverCount() > 0) return false;
     }
     return true;
@@ -98,6 +107,8 @@ class ReplayHost {
 
  private:
   std::shared_ptr<KLTVirtualClock> clock_;
+  std::shared_ptr<KLTSerialQueue> queue_;
+  KLTDrainedSerialQueue* drained_ = nullptr;  // queue_, when this thread drains it
   long previousLevel_;
   std::shared_ptr<KLTClock> previousClock_;
   std::shared_ptr<KLTUserDefaults> previousStore_;
@@ -130,7 +141,7 @@ class Replay {
     }
     StreamLine& l = *parsed.line;
     if (options_.onLine) options_.onLine(number, l);
-    for (const auto& note : l.notes) err_ << "kltce: line " << number << ": note: " << note << '\n';
+    for (const auto& note : l.notes) say() << "kltce: line " << number << ": note: " << note << '\n';
     host_.setLine(number);
     if (l.time) host_.clock().setNow(*l.time);
     auto& controller = KLTController::sharedController();
@@ -189,10 +200,17 @@ class Replay {
   }
 
   void finish() {
-    if (progressShown_) err_ << '\n';
+    if (progressShown_) say() << '\n';
     if (result.badLines > 0 && result.exitCode == kExitOk) {
-      err_ << "kltce: " << result.badLines << (result.badLines == 1 ? " line was" : " lines were") << " skipped\n";
+      say() << "kltce: " << result.badLines << (result.badLines == 1 ? " line was" : " lines were") << " skipped\n";
     }
+  }
+
+  // The stream for the tool's own messages, once the engine's log lines made so far are out: the
+  // two share standard error, and a person reads them in the order they were made.
+  std::ostream& say() {
+    KLTLog::flush();
+    return err_;
   }
 
   ReplayResult result;
@@ -200,7 +218,7 @@ class Replay {
  private:
   bool bad(std::size_t number, const std::string& message) {
     ++result.badLines;
-    err_ << "kltce: line " << number << ": " << message << '\n';
+    say() << "kltce: line " << number << ": " << message << '\n';
     if (options_.strict) {
       err_ << "kltce: stopped at line " << number << " (--strict); the lines before it were replayed\n";
       result.exitCode = kExitStopped;
@@ -242,25 +260,65 @@ class Replay {
   bool blocked(std::size_t number) {
     result.exitCode = kExitBlocked;
     result.queueBlocked = true;
-    err_ << "kltce: " << (number == 0 ? std::string("start-up") : "line " + std::to_string(number))
-         << ": the engine's queue is blocked for good: a timer condition (idle_time or activity_time) with a negative "
-            "\"time\" was armed, and its timer never ends, so no later event can be handled.\n";
-    std::string suspects;
+    const std::vector<EndlessTimer> timers = endlessTimers();
+    bool negative = false, tooLong = false;
+    for (const auto& t : timers) (t.negative ? negative : tooLong) = true;
+    const std::string cause = negative && tooLong ? "a negative \"time\", or a \"time\" too long to ever end,"
+                              : tooLong           ? "a \"time\" too long to ever end"
+                              : negative          ? "a negative \"time\""
+                                                  : "a \"time\" that never ends";
+    std::ostream& err = say();
+    err << "kltce: " << (number == 0 ? std::string("start-up") : "line " + std::to_string(number))
+        << ": the engine's queue is blocked for good: a timer condition (idle_time or activity_time) with " << cause
+        << " was armed, and its timer never ends, so no later event can be handled.\n";
+    if (!timers.empty()) {
+      err << "kltce: timers that never end:\n";
+      for (const auto& t : timers) {
+        err << "kltce:   campaign " << t.campaign << ", " << t.where << ": time " << t.millis << " ms "
+            << (t.negative ? "is negative" : "is too long: its end lies beyond the last instant the clock can hold")
+            << '\n';
+      }
+    }
+    err << "kltce: stopped; give the timer a time of 0 or more"
+        << (tooLong ? " and short enough to end" : "") << " (kltce check lists such timers)\n";
+    return false;
+  }
+
+  struct EndlessTimer {
+    std::string campaign;
+    std::string where;
+    int64_t millis = 0;
+    bool negative = false;
+  };
+
+  // The timer conditions of the documents replayed so far whose timer never ends, read as the
+  // engine reads them (platform/KLTRunLoop.h: a whole number of seconds, taken as unsigned, from
+  // now): a negative time, or one whose end lies beyond the clock's range (a time of 2^70 ms reads
+  // as the largest number, which is such a time).
+  std::vector<EndlessTimer> endlessTimers() {
+    std::vector<EndlessTimer> found;
+    const KLTTimePoint now = host_.clock().now();
     for (const auto& document : documents_) {
-      const KLTValue& configs = klt::valueForKey(document, "configs");
+      const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);
       if (!configs.is_array()) continue;
       for (const auto& config : configs) {
-        for (const auto& f : analyzeCampaign(config)) {
-          if (f.severity != Severity::Error || f.where.find(".time") == std::string::npos) continue;
-          const KLTValue& id = klt::valueForKey(config, "_id");
-          suspects += "kltce:   campaign " + (id.is_string() ? id.get<std::string>() : std::string("(no _id)")) + ", " +
-                      f.where + ": " + f.message.substr(0, f.message.find(':')) + '\n';
+        const KLTValue& conditions = klt::valueForKey(config, kKLTConditions);
+        if (!conditions.is_array()) continue;
+        for (std::size_t i = 0; i < conditions.size(); ++i) {
+          const KLTValue& type = klt::valueForKey(conditions[i], kKLTEventType);
+          if (!klt::isText(type, kKLTIdleTime) && !klt::isText(type, kKLTActivityTime)) continue;
+          const KLTValue& info = klt::valueForKey(klt::valueForKey(conditions[i], kKLTDetails), kKLTAdditionalInfo);
+          const int64_t millis = klt::integerValue(klt::valueForKey(info, kKLTTime));
+          const bool negative = millis / 1000 < 0;
+          const auto seconds = static_cast<double>(static_cast<uint64_t>(millis / 1000));
+          if (!negative && KLTClock::addSaturating(now, seconds) != KLTTimePoint::max()) continue;
+          const KLTValue& id = klt::valueForKey(config, kKLTConfigId);
+          found.push_back({id.is_string() ? id.get<std::string>() : std::string("(no _id)"),
+                           "conditions[" + std::to_string(i) + "].details.additional_info.time", millis, negative});
         }
       }
     }
-    if (!suspects.empty()) err_ << "kltce: timers that never end:\n" << suspects;
-    err_ << "kltce: stopped; give the timer a time of 0 or more (kltce check lists such timers)\n";
-    return false;
+    return found;
   }
 
   void progress() {
@@ -269,7 +327,7 @@ class Replay {
     if (now - began_ < kProgressAfter || now - lastProgress_ < kProgressEvery) return;
     lastProgress_ = now;
     progressShown_ = true;
-    err_ << "\rkltce: " << result.lines << " lines, " << result.events << " events, " << result.displays << " displays"
+    say() << "\rkltce: " << result.lines << " lines, " << result.events << " events, " << result.displays << " displays"
          << std::flush;
   }
 
@@ -376,6 +434,9 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
                                                                                        : KLTRealClock().now();
   auto zone = options.zone ? options.zone : options.profile.timeZone ? options.profile.timeZone : KLTTimeZone::system();
 
+  // The engine runs on a queue this thread drains after each line, unless it already runs on
+  // another queue in this process (it is chosen once, before the engine's first use).
+  KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue));
   ReplayHost host(options, start, zone, std::move(store));
   Replay replay(options, host, out, err);
   bool going = replay.startUp();
@@ -384,7 +445,7 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
     ++number;
     going = replay.line(number, parseStreamLine(text));
   }
-  if (events.bad() && going) err << "kltce: reading the event stream failed after line " << number << '\n';
+  if (events.bad() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
   replay.finish();
   replay.result.lines = number;
   return replay.result;

@@ -1,12 +1,9 @@
-#include "testsupport/KLTVirtualClock.h"
+#include "platform/KLTVirtualClock.h"
 
 KLTVirtualClock::KLTVirtualClock(KLTTimePoint start, std::shared_ptr<const KLTTimeZone> zone)
-    : now_(start), zone_(zone ? std::move(zone) : KLTTimeZone::fixedOffset(0)) {}
+    : now_(start.time_since_epoch().count()), zone_(zone ? std::move(zone) : KLTTimeZone::fixedOffset(0)) {}
 
-KLTTimePoint KLTVirtualClock::now() const {
-  std::lock_guard lock(mutex_);
-  return now_;
-}
+KLTTimePoint KLTVirtualClock::now() const { return load(); }
 
 std::shared_ptr<const KLTTimeZone> KLTVirtualClock::timeZone() const {
   std::lock_guard lock(mutex_);
@@ -16,34 +13,38 @@ std::shared_ptr<const KLTTimeZone> KLTVirtualClock::timeZone() const {
 bool KLTVirtualClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
   std::unique_lock lock(mutex_);
   if (stop.stop_requested()) return false;
-  if (now_ >= deadline) return true;
+  if (load() >= deadline) return true;
   const bool forever = deadline == KLTTimePoint::max();
   if (autoAdvance_ && !forever) {
-    now_ = deadline;
+    store(deadline);
     changed_.notify_all();
     return true;
+  }
+  if (forever && unwindEndless_) {
+    ++unwound_;
+    throw KLTEndlessWait{};
   }
   ++sleepers_;
   if (forever) ++forever_;
   changed_.notify_all();
-  const bool reached = changed_.wait(lock, stop, [&] { return now_ >= deadline || (autoAdvance_ && !forever); });
+  const bool reached = changed_.wait(lock, stop, [&] { return load() >= deadline || (autoAdvance_ && !forever); });
   --sleepers_;
   if (forever) --forever_;
   if (!reached) return false;
-  if (now_ < deadline) now_ = deadline;  // switched to auto-advance while waiting
+  if (load() < deadline) store(deadline);  // switched to auto-advance while waiting
   changed_.notify_all();
   return true;
 }
 
 void KLTVirtualClock::setNow(KLTTimePoint t) {
   std::lock_guard lock(mutex_);
-  if (t > now_) now_ = t;
+  if (t > load()) store(t);
   changed_.notify_all();
 }
 
 void KLTVirtualClock::advance(std::chrono::nanoseconds d) {
   std::lock_guard lock(mutex_);
-  if (d.count() > 0) now_ += std::chrono::duration_cast<KLTTimePoint::duration>(d);
+  if (d.count() > 0) store(load() + std::chrono::duration_cast<KLTTimePoint::duration>(d));
   changed_.notify_all();
 }
 
@@ -56,6 +57,16 @@ void KLTVirtualClock::setAutoAdvance(bool on) {
   std::lock_guard lock(mutex_);
   autoAdvance_ = on;
   changed_.notify_all();
+}
+
+void KLTVirtualClock::setUnwindEndlessWaits(bool on) {
+  std::lock_guard lock(mutex_);
+  unwindEndless_ = on;
+}
+
+int KLTVirtualClock::endlessWaitCount() const {
+  std::lock_guard lock(mutex_);
+  return unwound_;
 }
 
 int KLTVirtualClock::sleeperCount() const {
