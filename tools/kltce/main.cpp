@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
 
   std::string document, profile, events = "-", state, tz, start, at;
-  bool fresh = false, autoShown = false, strict = false, json = false;
+  bool fresh = false, autoShown = false, strict = false, json = false, requireAdmitted = false;
   long logLevel = 2;
 
   auto* run = app.add_subcommand("run", "replay an event stream (JSON Lines) and print every display event");
@@ -84,10 +84,11 @@ int main(int argc, char** argv) {
   auto* startOpt = run->add_option("--start", start, "start time (ISO 8601 or epoch ms; default: the first line's t)");
   run->add_flag("--strict", strict, "stop at the first bad line");
 
-  auto* check = app.add_subcommand("check", "say which campaigns the profile admits, and what in them can never fire");
+  auto* check = app.add_subcommand("check", "validate a document: what the profile admits, and every mistake in it");
   check->add_option("--document", document, "campaign document (JSON)")->required();
   check->add_option("--profile", profile, "device profile (JSON)")->required();
   check->add_flag("--json", json, "one JSON object on standard output");
+  check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error");
   auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
 
   std::string text;
@@ -116,6 +117,7 @@ int main(int argc, char** argv) {
   if (check->parsed()) {
     checkOptions.profile = std::move(p);
     checkOptions.json = json;
+    checkOptions.requireAdmitted = requireAdmitted;
     if (atOpt->count() && !readInstantOption("--at", at, checkOptions.at)) return kExitUsage;
     return kltce::runCheck(checkOptions, std::cout, std::cerr);
   }
