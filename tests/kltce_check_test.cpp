@@ -88,7 +88,8 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
        "the daily window \"23:00\" to \"22:00\" never opens: no time of day is at or after its start and before its end (a window "
        "does not run over midnight)", false},
       {"duplicate _id", [](KLTValue&) {}, "/configs/1/_id", "warning",
-       "_id \"c1\" repeats configs[0]'s: this campaign replaces it in the engine's table and both share one set of counters", false},
+       "_id \"c1\" repeats configs[0]'s: the engine keeps one campaign per _id (the later replaces the earlier when both are "
+       "admitted) and both share one set of counters", false},
       {"GTEE", [&](KLTValue& c) { cond(c)["count_config"]["operator"] = "GTEE"; }, "/configs/0/conditions/0/count_config/operator",
        "error", "operator \"GTEE\" is not EQ, NEQ, GT, GTE, LT or LTE (exact words): the count check is always false, so the condition never completes", true},
       {"lower-case and", [&](KLTValue& c) { cond(c)["combine_operator"] = "and"; }, "/configs/0/conditions/0/combine_operator", "error",
