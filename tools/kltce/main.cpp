@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "KLTContextEvaluator/KLTContextEvaluator_vers.h"
 #include "platform/KLTLog.h"
 #include "tools/kltce/check.h"
 #include "tools/kltce/json_text.h"
@@ -67,6 +68,8 @@ int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
   CLI::App app{"kltce: replay event streams against campaign documents, check documents, expand placeholders"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("kltce ") + KLTCE_TOOL_VERSION + " (KLTContextEvaluator library " +
+                                        KLTContextEvaluatorVersionString + ")");
 
   std::string document, profile, events = "-", state, tz, start, at;
   bool fresh = false, autoShown = false, strict = false, json = false, requireAdmitted = false;
