@@ -22,6 +22,7 @@
 #include "tools/kltce/macros.h"
 #include "tools/kltce/profile.h"
 #include "tools/kltce/replay.h"
+#include "tools/kltce/state_command.h"
 #include "tools/kltce/time_text.h"
 
 namespace {
@@ -99,7 +100,19 @@ int main(int argc, char** argv) {
   macros->add_option("--profile", profile, "device profile (JSON)")->required();
   auto* textOpt = macros->add_option("text", text, "the text (default: standard input)");
 
+  std::string statePath;
+  auto* stateCmd = app.add_subcommand("state", "show or clear the persisted display counters");
+  stateCmd->require_subcommand(1);
+  auto* stateShow = stateCmd->add_subcommand("show", "print the counters as JSON (dates as ISO 8601 UTC text)");
+  auto* stateReset = stateCmd->add_subcommand("reset", "remove every counter");
+  for (auto* sub : {stateShow, stateReset}) sub->add_option("--state", statePath, "file of the persisted counters")->required();
+
   CLI11_PARSE(app, argc, argv);
+
+  if (stateCmd->parsed()) {
+    return stateShow->parsed() ? kltce::runStateShow(statePath, std::cout, std::cerr)
+                               : kltce::runStateReset(statePath, std::cout, std::cerr);
+  }
 
   kltce::Profile p;
   if (!loadProfile(profile, p)) return kExitUsage;
