@@ -58,7 +58,7 @@ struct Row {
   std::function<void(KLTValue& c)> change;  // c: the document's first campaign
   const char* path;
   const char* severity;
-  const char* message;
+  std::string message;
   bool schemaRejects;
   std::size_t findings = 1;  // the row's finding comes first
 };
@@ -115,6 +115,9 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
        "/configs/0/conditions/0/details/additional_info/plan/op", "error",
        "op \"EQUALS\" is not EQ, NEQ, GT, GTE, LT or LTE: the attribute never matches, so the condition never completes", true},
       {"schema only: rule_type", [&](KLTValue& c) { cond(c)["rule_type"] = 5; }, "/configs/0/conditions/0/rule_type", "warning", "5 is not text", true},
+      {"text long enough to overflow a regex matcher", [](KLTValue& c) { c["time_limits"]["start_time"] = std::string(300000, '0'); },
+       "/configs/0/time_limits/start_time", "warning",
+       '"' + std::string(119, '0') + "... (300002 bytes) is not a time of day HH:MM: it reads as 00:00", true},
       {"other device", [](KLTValue& c) { c["audience"]["hw"] = {{"val", "iPad13,1"}}; }, "/configs/0/audience/hw/val", "info",
        "Hardware Model check failed: device \"iPhone14,2\" is not \"iPad13,1\"", false},
       {"older app", [](KLTValue& c) { c["audience"]["ver"] = {{"val", 3}, {"op", "GT"}}; }, "/configs/0/audience/ver", "info",

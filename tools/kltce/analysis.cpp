@@ -353,9 +353,13 @@ const char* severityName(Severity severity) {
 }
 
 std::string shownValue(const KLTValue& v) {
+  // A message quotes at most this much of a value; the report's value field carries it whole.
+  constexpr std::size_t kShownBytes = 120;
   if (v.is_null()) return "absent";
-  if (const std::string* s = klt::stringPtr(v)) return "\"" + *s + "\"";
-  return v.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
+  const std::string* s = klt::stringPtr(v);
+  std::string text = s ? "\"" + *s + "\"" : v.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
+  if (text.size() > kShownBytes) text = text.substr(0, kShownBytes) + "... (" + std::to_string(text.size()) + " bytes)";
+  return text;
 }
 
 }  // namespace kltce

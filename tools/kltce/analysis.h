@@ -38,7 +38,8 @@ std::vector<Finding> analyzeCampaign(const KLTValue& config);
 // "info", "warning" or "error".
 const char* severityName(Severity severity);
 
-// How a value shows in a message: text in quotes, anything else as compact JSON, null as "absent".
+// How a value shows in a message: text in quotes, anything else as compact JSON, null as "absent";
+// cut after 120 bytes.
 std::string shownValue(const KLTValue& value);
 
 }  // namespace kltce

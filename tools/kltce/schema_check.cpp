@@ -13,6 +13,7 @@
 #include <valijson/validation_results.hpp>
 #include <valijson/validator.hpp>
 
+#include "tools/kltce/analysis.h"
 #include "tools/kltce/schema_text.h"
 
 namespace kltce {
@@ -44,9 +45,24 @@ const CompiledSchema& compiled() {
   return instance;
 }
 
-std::string shown(const KLTValue& v) {
-  if (const std::string* s = klt::stringPtr(v)) return "\"" + *s + "\"";
-  return v.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
+std::string shown(const KLTValue& v) { return shownValue(v); }
+
+// The validator matches patterns with std::regex, whose matcher recurses once per character: a
+// text of some hundred kilobytes overflows the stack. Every text the schema gives a pattern is
+// short, so a long text is replaced, in the copy validated, by one that still is text and fails
+// every pattern (a date with a fraction of over 200 digits is then reported as not a date).
+void shortenLongTexts(PlainJson& root) {
+  constexpr std::size_t kLongest = 256;
+  std::vector<PlainJson*> pending{&root};
+  while (!pending.empty()) {
+    PlainJson* v = pending.back();
+    pending.pop_back();
+    if (v->is_string() && v->get_ref<const std::string&>().size() > kLongest) {
+      *v = "(a text of " + std::to_string(v->get_ref<const std::string&>().size()) + " bytes)";
+    } else if (v->is_structured()) {
+      for (auto& item : *v) pending.push_back(&item);
+    }
+  }
 }
 
 std::string unescapeSegment(std::string_view s) {
@@ -275,6 +291,7 @@ std::vector<SchemaViolation> validateAgainstSchema(const KLTValue& document) {
   PlainJson target;
   try {
     target = PlainJson::parse(document.dump(-1, ' ', false, KLTValue::error_handler_t::replace));
+    shortenLongTexts(target);
   } catch (const std::exception& e) {
     return {{SchemaViolation::Kind::Other, "", KLTValue(), std::string("the document cannot be validated: ") + e.what()}};
   }
