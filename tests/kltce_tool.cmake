@@ -78,7 +78,10 @@ kltce_e2e(check_verdicts_json
   EXPECT_RC 1 EXPECT_OUT ${kltce_data}/flawed.expected.json)
 kltce_e2e(check_sound_document
   ARGS check|--document|${kltce_data}/campaigns.json|--profile|${kltce_data}/profile.json|--at|2026-11-22T09:00:00Z
-  EXPECT_OUT_REGEX "^tap_promo: admitted\nidle_survey: admitted\n2 campaigns: 2 admitted, 0 rejected; 0 errors, 0 warnings\n$")
+  EXPECT_OUT_REGEX "^tap_promo: admitted\nidle_survey: admitted\n2 campaigns: 2 admitted, 0 rejected; 0 errors, 0 warnings, 0 infos\n$")
+kltce_e2e(check_example_document_passes
+  ARGS check|--document|${kltce_examples}/campaigns.json|--profile|${kltce_examples}/profile.json|--at|2026-11-22T09:00:00Z
+  EXPECT_OUT_REGEX "^welcome_offer: admitted\nfeedback_survey: admitted\ntips_banner: admitted\n3 campaigns: 3 admitted, 0 rejected; 0 errors, 0 warnings, 0 infos\n$")
 kltce_e2e(macros_expand
   ARGS "macros|--profile|${kltce_data}/profile.json|Hi [user_first_name(there)], [session_city(welcome)]!"
   EXPECT_OUT_REGEX "^Hi Ada, welcome!\n$")

@@ -1,11 +1,17 @@
 #include "tools/kltce/check.h"
 
+#include <algorithm>
+#include <limits>
+#include <map>
+
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include <mutex>
 
 #include "platform/KLTLog.h"
 #include "platform/KLTVirtualClock.h"
+#include "tools/kltce/admission_report.h"
 #include "tools/kltce/json_text.h"
+#include "tools/kltce/schema_check.h"
 
 namespace kltce {
 
@@ -85,27 +91,129 @@ class ClockOverride {
   bool active_ = false;
 };
 
+
+// Where a path lies in the document: the position of each key within its object (the document's
+// own key order) or each index; a missing key sorts after its present siblings.
+std::vector<std::size_t> documentOrder(const KLTValue& root, const std::string& pointer) {
+  std::vector<std::size_t> order;
+  const KLTValue* at = &root;
+  std::string rest = pointer;
+  while (!rest.empty()) {
+    const std::size_t next = rest.find('/', 1);
+    const std::string segment = rest.substr(1, next == std::string::npos ? std::string::npos : next - 1);
+    rest = next == std::string::npos ? std::string() : rest.substr(next);
+    std::size_t position = std::numeric_limits<std::size_t>::max();
+    const KLTValue* child = nullptr;
+    if (at->is_object()) {
+      std::size_t i = 0;
+      for (auto it = at->begin(); it != at->end(); ++it, ++i) {
+        if (pointerSegment(it.key()) == segment) {
+          position = i;
+          child = &it.value();
+          break;
+        }
+      }
+    } else if (at->is_array() && !segment.empty() && segment.size() < 10 &&
+               segment.find_first_not_of("0123456789") == std::string::npos) {
+      position = std::stoul(segment);
+      if (position < at->size()) child = &(*at)[position];
+    }
+    order.push_back(position);
+    if (!child) break;
+    at = child;
+  }
+  return order;
+}
+
+// Whether `inner` is `outer` or lies inside it.
+bool within(const std::string& inner, const std::string& outer) {
+  return inner == outer || (inner.size() > outer.size() && inner.compare(0, outer.size(), outer) == 0 && inner[outer.size()] == '/');
+}
+
+void prefixPaths(std::vector<Finding>& findings, const std::string& prefix) {
+  for (auto& f : findings) f.path = prefix + f.path;
+}
+
 }  // namespace
 
-std::vector<CampaignVerdict> checkCampaigns(const KLTValue& configs) {
+std::vector<CampaignVerdict> checkCampaigns(const KLTValue& document, std::vector<Finding>& documentFindings,
+                                            bool requireAdmitted) {
   std::vector<CampaignVerdict> verdicts;
+  const KLTValue& configs = klt::valueForKey(document, "configs");
   if (!configs.is_array()) return verdicts;
   auto& evaluator = KLTContextEvaluator::sharedInstance();  // its start-up line stays out of the capture
+  std::map<std::string, std::size_t> firstWithId;
   for (std::size_t i = 0; i < configs.size(); ++i) {
+    const KLTValue& config = configs[i];
+    const std::string prefix = "/configs/" + std::to_string(i);
     CampaignVerdict v;
     v.index = i;
-    v.id = klt::valueForKey(configs[i], "_id");
+    v.id = klt::valueForKey(config, "_id");
     {
       auto capture = CheckLogCapture::install();
-      v.admitted = evaluator.checkConfiguration(configs[i]);
+      v.admitted = evaluator.checkConfiguration(config);
       capture->uninstall();
       if (!v.admitted) v.reason = reasonFrom(capture->lines());
     }
-    if (v.admitted) v.findings = analyzeCampaign(configs[i]);
+    v.findings = admissionFindings(config);
+    if (!v.admitted && v.findings.empty()) {
+      v.findings.push_back(Finding{Severity::Error, "", config, v.reason, true});
+    }
+    for (auto& f : analyzeCampaign(config)) v.findings.push_back(std::move(f));
+    if (const std::string* id = klt::stringPtr(v.id)) {
+      auto [first, fresh] = firstWithId.emplace(*id, i);
+      if (!fresh) {
+        v.findings.push_back(Finding{Severity::Warning, "/_id", v.id,
+                                     "_id " + shownValue(v.id) + " repeats configs[" + std::to_string(first->second) +
+                                         "]'s: the engine keeps one campaign per _id (the later replaces the earlier "
+                                         "when both are admitted) and both share one set of counters",
+                                     false});
+      }
+    }
+    prefixPaths(v.findings, prefix);
     verdicts.push_back(std::move(v));
   }
+  // Schema violations not already explained by a finding at or above their path (the findings say
+  // what the engine makes of the value; the schema only that it is not as written).
+  for (auto& violation : validateAgainstSchema(document)) {
+    std::vector<Finding>* into = &documentFindings;
+    for (auto& v : verdicts) {
+      if (within(violation.path, "/configs/" + std::to_string(v.index))) into = &v.findings;
+    }
+    const bool explained = std::any_of(into->begin(), into->end(), [&](const Finding& f) { return within(f.path, violation.path); });
+    if (!explained) {
+      into->push_back(Finding{Severity::Warning, violation.path, violation.value, violation.message, false});
+    }
+  }
+  auto arrange = [&](std::vector<Finding>& findings) {
+    if (requireAdmitted) {
+      for (auto& f : findings) {
+        if (f.rejects) f.severity = Severity::Error;
+      }
+    }
+    std::stable_sort(findings.begin(), findings.end(), [&](const Finding& a, const Finding& b) {
+      return documentOrder(document, a.path) < documentOrder(document, b.path);
+    });
+  };
+  arrange(documentFindings);
+  for (auto& v : verdicts) arrange(v.findings);
   return verdicts;
 }
+
+namespace {
+
+KLTValue findingJson(const Finding& f) {
+  return {{"severity", severityName(f.severity)}, {"path", f.path}, {"value", f.value}, {"message", f.message}, {"rejects", f.rejects}};
+}
+
+void writeFinding(std::ostream& out, const Finding& f) {
+  out << "  " << severityName(f.severity) << ' ' << (f.path.empty() ? "/" : f.path) << " = " << shownValue(f.value) << ": "
+      << f.message << '\n';
+}
+
+std::string counted(int n, const char* one, const char* many) { return std::to_string(n) + (n == 1 ? one : many); }
+
+}  // namespace
 
 int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) {
   if (!options.document.is_object()) {
@@ -119,17 +227,23 @@ int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
   }
   applyProfile(options.profile);
   std::vector<CampaignVerdict> verdicts;
+  std::vector<Finding> documentFindings;
   {
     ClockOverride clock(options.at);
-    verdicts = checkCampaigns(configs);
+    verdicts = checkCampaigns(options.document, documentFindings, options.requireAdmitted);
   }
-  int admitted = 0, rejected = 0, errors = 0, warnings = 0;
+  int admitted = 0, rejected = 0;
+  int counts[3] = {0, 0, 0};  // by severity: info, warning, error
+  for (const auto& f : documentFindings) counts[static_cast<int>(f.severity)]++;
   for (const auto& v : verdicts) {
     (v.admitted ? admitted : rejected)++;
-    for (const auto& f : v.findings) (f.severity == Severity::Error ? errors : warnings)++;
+    for (const auto& f : v.findings) counts[static_cast<int>(f.severity)]++;
   }
+  const int errors = counts[2], warnings = counts[1], infos = counts[0];
   if (options.json) {
     KLTValue report = KLTValue::object();
+    report["document"] = KLTValue::array();
+    for (const auto& f : documentFindings) report["document"].push_back(findingJson(f));
     report["campaigns"] = KLTValue::array();
     for (const auto& v : verdicts) {
       KLTValue c = KLTValue::object();
@@ -138,30 +252,27 @@ int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
       c["admitted"] = v.admitted;
       if (!v.admitted) c["reason"] = v.reason;
       c["findings"] = KLTValue::array();
-      for (const auto& f : v.findings) {
-        c["findings"].push_back({{"severity", severityName(f.severity)}, {"where", f.where}, {"message", f.message}});
-      }
+      for (const auto& f : v.findings) c["findings"].push_back(findingJson(f));
       report["campaigns"].push_back(std::move(c));
     }
     report["admitted"] = admitted;
     report["rejected"] = rejected;
     report["errors"] = errors;
     report["warnings"] = warnings;
+    report["infos"] = infos;
     out << compactJson(report) << '\n';
   } else {
+    if (!documentFindings.empty()) out << "document:\n";
+    for (const auto& f : documentFindings) writeFinding(out, f);
     for (const auto& v : verdicts) {
-      if (v.admitted) {
-        out << idText(v) << ": admitted\n";
-      } else {
-        out << idText(v) << ": rejected: " << v.reason << '\n';
-      }
-      for (const auto& f : v.findings) out << "  " << severityName(f.severity) << " " << f.where << ": " << f.message << '\n';
+      out << idText(v) << (v.admitted ? ": admitted" : ": rejected: " + v.reason) << '\n';
+      for (const auto& f : v.findings) writeFinding(out, f);
     }
-    out << verdicts.size() << (verdicts.size() == 1 ? " campaign: " : " campaigns: ") << admitted << " admitted, "
-        << rejected << " rejected; " << errors << (errors == 1 ? " error, " : " errors, ") << warnings
-        << (warnings == 1 ? " warning\n" : " warnings\n");
+    out << counted(static_cast<int>(verdicts.size()), " campaign: ", " campaigns: ") << admitted << " admitted, " << rejected
+        << " rejected; " << counted(errors, " error, ", " errors, ") << counted(warnings, " warning, ", " warnings, ")
+        << counted(infos, " info\n", " infos\n");
   }
-  return (rejected > 0 || errors > 0) ? 1 : 0;
+  return errors > 0 ? 1 : 0;
 }
 
 }  // namespace kltce

@@ -1,6 +1,8 @@
 // `kltce check`: for each campaign of a document, whether the engine admits it under a device
-// profile (with the engine's own reason when it does not), and, for admitted ones, the findings of
-// the static analysis (analysis.h).
+// profile (with the engine's own reason when it does not), every reason it is rejected for
+// (admission_report.h), the findings of the static analysis (analysis.h), the document's
+// violations of its JSON Schema (schema_check.h) and repeated _id values. Every finding carries
+// the JSON Pointer of the value at fault, from the document's root, and that value.
 //
 // runCheck() installs the profile as the host's state and, with `at`, a virtual clock at that
 // instant (restored afterwards). Call it from one thread, with no replay running.
@@ -22,23 +24,26 @@ struct CampaignVerdict {
   KLTValue id;                  // the _id as given (null when absent)
   bool admitted = false;
   std::string reason;           // the engine's message for a rejection
-  std::vector<Finding> findings;  // admitted campaigns only
+  std::vector<Finding> findings;  // paths from the document's root, in document order
 };
 
-// Runs the engine's admission check on every element of document.configs, in document order.
-// The reason is read from the log lines the check writes (at LOG_LEVEL 0, restored afterwards).
-std::vector<CampaignVerdict> checkCampaigns(const KLTValue& configs);
+// Runs the engine's admission check on every element of document.configs, in document order,
+// and gathers every finding. The engine's reason is read from the log lines its check writes (at
+// LOG_LEVEL 0, restored afterwards). Findings outside any campaign go to documentFindings.
+// With requireAdmitted, a rejection that depends on the profile or the moment is an error.
+std::vector<CampaignVerdict> checkCampaigns(const KLTValue& document, std::vector<Finding>& documentFindings,
+                                            bool requireAdmitted = false);
 
 struct CheckOptions {
   KLTValue document;
   Profile profile;
   std::optional<KLTTimePoint> at;  // the moment of the check; nothing: now
   bool json = false;
+  bool requireAdmitted = false;  // a campaign rejected for this profile is an error
 };
 
 // Writes the verdicts (text, or one JSON object with --json) to out and problems to err.
-// Returns 0 when every campaign is admitted without an error finding, 1 when one is rejected or has
-// an error finding, 2 when the document cannot be checked.
+// Returns 0 when no finding is an error, 1 when one is, 2 when the document cannot be checked.
 int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace kltce

@@ -17,6 +17,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "KLTContextEvaluator/KLTContextEvaluator_vers.h"
 #include "platform/KLTLog.h"
 #include "platform/KLTSerialQueue.h"
 #include "tools/kltce/buffered_log.h"
@@ -26,6 +27,7 @@
 #include "tools/kltce/macros.h"
 #include "tools/kltce/profile.h"
 #include "tools/kltce/replay.h"
+#include "tools/kltce/state_command.h"
 #include "tools/kltce/time_text.h"
 
 namespace {
@@ -71,9 +73,11 @@ bool readInstantOption(const std::string& name, const std::string& text, std::op
 static int runCommand(int argc, char** argv) {
   CLI::App app{"kltce: replay event streams against campaign documents, check documents, expand placeholders"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("kltce ") + KLTCE_TOOL_VERSION + " (KLTContextEvaluator library " +
+                                        KLTContextEvaluatorVersionString + ")");
 
   std::string document, profile, events = "-", state, tz, start, at;
-  bool fresh = false, autoShown = false, strict = false, json = false;
+  bool fresh = false, autoShown = false, strict = false, json = false, requireAdmitted = false;
   long logLevel = 2;
 
   auto* run = app.add_subcommand("run", "replay an event stream (JSON Lines) and print every display event");
@@ -94,10 +98,11 @@ static int runCommand(int argc, char** argv) {
   run->add_option("--format", format, "display events as json (JSON Lines, the default) or text (an aligned table)")
       ->check(CLI::IsMember({"json", "text"}));
 
-  auto* check = app.add_subcommand("check", "say which campaigns the profile admits, and what in them can never fire");
+  auto* check = app.add_subcommand("check", "validate a document: what the profile admits, and every mistake in it");
   check->add_option("--document", document, "campaign document (JSON)")->required();
   check->add_option("--profile", profile, "device profile (JSON)")->required();
   check->add_flag("--json", json, "one JSON object on standard output");
+  check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error");
   auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
 
   std::string text;
@@ -105,7 +110,19 @@ static int runCommand(int argc, char** argv) {
   macros->add_option("--profile", profile, "device profile (JSON)")->required();
   auto* textOpt = macros->add_option("text", text, "the text (default: standard input)");
 
+  std::string statePath;
+  auto* stateCmd = app.add_subcommand("state", "show or clear the persisted display counters");
+  stateCmd->require_subcommand(1);
+  auto* stateShow = stateCmd->add_subcommand("show", "print the counters as JSON (dates as ISO 8601 UTC text)");
+  auto* stateReset = stateCmd->add_subcommand("reset", "remove every counter");
+  for (auto* sub : {stateShow, stateReset}) sub->add_option("--state", statePath, "file of the persisted counters")->required();
+
   CLI11_PARSE(app, argc, argv);
+
+  if (stateCmd->parsed()) {
+    return stateShow->parsed() ? kltce::runStateShow(statePath, std::cout, std::cerr)
+                               : kltce::runStateReset(statePath, std::cout, std::cerr);
+  }
 
   kltce::Profile p;
   if (!loadProfile(profile, p)) return kExitUsage;
@@ -126,6 +143,7 @@ static int runCommand(int argc, char** argv) {
   if (check->parsed()) {
     checkOptions.profile = std::move(p);
     checkOptions.json = json;
+    checkOptions.requireAdmitted = requireAdmitted;
     if (atOpt->count() && !readInstantOption("--at", at, checkOptions.at)) return kExitUsage;
     return kltce::runCheck(checkOptions, std::cout, std::cerr);
   }

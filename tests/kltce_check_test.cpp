@@ -1,0 +1,180 @@
+// `kltce check` without a process: each row breaks one thing in a sound document and names the one
+// finding it must give (path, severity, message) and whether the JSON Schema rejects the document;
+// then the exit status, --require-admitted, and the schema against every shipped document.
+#include "tools/kltce/check.h"
+
+#include <functional>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "testsupport/KLTCapturedLog.h"
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/schema_check.h"
+#include "tools/kltce/time_text.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+const fs::path kSource(KLTCE_SOURCE_DIR);
+const fs::path kData = kSource / "tests" / "data" / "kltce";
+
+kltce::CheckOptions optionsFor(KLTValue document) {
+  kltce::CheckOptions o;
+  o.document = std::move(document);
+  o.profile = kltce::parseProfile(kltce::loadJsonFile(kData / "profile.json").value).profile;  // iPhone14,2, app 1.0
+  o.at = kltce::readInstant(KLTValue("2026-11-22T09:00:00Z"));
+  o.json = true;
+  return o;
+}
+
+struct Checked {
+  int rc;
+  KLTValue report;
+};
+
+Checked check(const kltce::CheckOptions& options) {
+  std::ostringstream out, err;
+  KLTScopedLogCapture quiet(2);
+  const int rc = kltce::runCheck(options, out, err);
+  EXPECT_EQ(err.str(), "");
+  return {rc, KLTValue::parse(out.str())};
+}
+
+KLTValue soundDocument() {
+  return KLTValue::parse(R"({"configs": [{
+    "_id": "c1", "enabled": true, "audience": {"attributes": {"user": [], "session": []}},
+    "validity": {"start_date": "2026-01-01T00:00:00Z", "end_date": "2027-01-01T00:00:00Z"},
+    "frequency": {"validity": "OVERALL", "count": 3},
+    "time_limits_in_day": true, "time_limits": {"start_time": "08:00", "end_time": "22:00"},
+    "conditions": [{"event_type": "app_event", "details": {"name": "buy", "additional_info": {}},
+      "time_bounds": {"lower": 1767225600000, "upper": 1798761600000}, "count_config": {"count": 2, "operator": "GTE"},
+      "combine_operator": "AND", "trigger": {"event_type": "app_start", "details": {"additional_info": {}}}}],
+    "meta": {"type": "IN_APP"}}]})");
+}
+
+struct Row {
+  const char* note;
+  std::function<void(KLTValue& c)> change;  // c: the document's first campaign
+  const char* path;
+  const char* severity;
+  std::string message;
+  bool schemaRejects;
+  std::size_t findings = 1;  // the row's finding comes first
+};
+
+TEST(KltceCheck, EachMistakeGivesItsFinding) {
+  auto cond = [](KLTValue& c) -> KLTValue& { return c["conditions"][0]; };
+  auto timer = [&](KLTValue& c, KLTValue time) { cond(c) = {{"event_type", "idle_time"}, {"details", {{"additional_info", {{"time", time}}}}},
+                                                            {"combine_operator", "AND"}, {"trigger", cond(c)["trigger"]}}; };
+  const Row rows[] = {
+      {"misspelt key", [](KLTValue& c) { c["validty"] = c["validity"]; c["validity"] = {{"start_date", "2026-01-01T00:00:00Z"}, {"end_date", "2027-01-01T00:00:00Z"}}; },
+       "/configs/0/validty", "warning", "unknown key \"validty\": the engine ignores it (did you mean \"validity\"?)", true},
+      {"unknown key", [](KLTValue& c) { c["audience"]["colour"] = "red"; }, "/configs/0/audience/colour", "warning",
+       "unknown key \"colour\": the engine ignores it", true},
+      {"cap as text", [](KLTValue& c) { c["frequency"]["count"] = "two"; }, "/configs/0/frequency/count", "warning",
+       "cap count \"two\" is not a whole number: it reads as 0, which means no cap at all", true},
+      {"cap as numeric text", [](KLTValue& c) { c["frequency"]["day_lmt"] = "2"; }, "/configs/0/frequency/day_lmt", "info",
+       "cap day_lmt is written as text; it reads as 2", true},
+      {"prio as a word", [](KLTValue& c) { c["prio"] = "high"; }, "/configs/0/prio", "warning",
+       "prio \"high\" is not a whole number: it reads as 0 (a campaign without prio ranks 1)", true},
+      {"window 9am", [](KLTValue& c) { c["time_limits"]["start_time"] = "9am"; }, "/configs/0/time_limits/start_time", "warning",
+       "\"9am\" is not a time of day HH:MM: it reads as 00:00", true},
+      {"window 25:00", [](KLTValue& c) { c["time_limits"]["end_time"] = "25:00"; }, "/configs/0/time_limits/end_time", "warning",
+       "\"25:00\" is not a time of day HH:MM: it reads as 25:00, after every time of day", true},
+      {"window always open", [](KLTValue& c) { c["time_limits"] = {{"start_time", "0"}, {"end_time", "24:00"}}; },
+       "/configs/0/time_limits", "warning", "the daily window \"0\" to \"24:00\" reads as always open: it restricts nothing", true, 2},
+      {"window never opens", [](KLTValue& c) { c["time_limits"]["start_time"] = "23:00"; }, "/configs/0/time_limits", "error",
+       "the daily window \"23:00\" to \"22:00\" never opens: no time of day is at or after its start and before its end (a window "
+       "does not run over midnight)", false},
+      {"duplicate _id", [](KLTValue&) {}, "/configs/1/_id", "warning",
+       "_id \"c1\" repeats configs[0]'s: the engine keeps one campaign per _id (the later replaces the earlier when both are "
+       "admitted) and both share one set of counters", false},
+      {"GTEE", [&](KLTValue& c) { cond(c)["count_config"]["operator"] = "GTEE"; }, "/configs/0/conditions/0/count_config/operator",
+       "error", "operator \"GTEE\" is not EQ, NEQ, GT, GTE, LT or LTE (exact words): the count check is always false, so the condition never completes", true},
+      {"lower-case and", [&](KLTValue& c) { cond(c)["combine_operator"] = "and"; }, "/configs/0/conditions/0/combine_operator", "error",
+       "Improper combine operator: \"and\" is not AND or OR (exact words)", true},
+      {"no additional_info", [&](KLTValue& c) { cond(c)["trigger"]["details"].erase("additional_info"); },
+       "/configs/0/conditions/0/trigger/details/additional_info", "error",
+       "Invalid trigger details additional info format: additional_info must be an object (it may be empty)", true},
+      {"end before start", [](KLTValue& c) { c["validity"]["end_date"] = "2025-01-01T00:00:00Z"; }, "/configs/0/validity/end_date", "error",
+       "Config doesn't fall in between dates: end_date \"2025-01-01T00:00:00Z\" is before start_date \"2026-01-01T00:00:00Z\", so no moment is within them", false},
+      {"unreadable date", [](KLTValue& c) { c["validity"]["start_date"] = "2026-01-01"; }, "/configs/0/validity/start_date", "error",
+       "Config doesn't fall in between dates: start_date \"2026-01-01\" is not an ISO 8601 date with an offset, so the campaign is never admitted", true},
+      {"unknown message kind", [](KLTValue& c) { c["meta"]["type"] = "POPUP"; }, "/configs/0/meta/type", "error",
+       "meta.type \"POPUP\" is not IN_APP, SURVEY or IN_LINE: the campaign is never dispatched", true},
+      {"client_event trigger", [&](KLTValue& c) { cond(c)["trigger"]["event_type"] = "client_event"; }, "/configs/0/conditions/0/trigger/event_type",
+       "error", "a trigger never fires on client_event (triggers know app_event, activity_event and app_start): the condition is never armed", true},
+      {"negative timer", [&](KLTValue& c) { timer(c, -5000); }, "/configs/0/conditions/0/details/additional_info/time", "error",
+       "time -5000 ms is negative: once armed, the timer never ends and blocks the engine's queue for good (no later event is handled, nothing else is dispatched)", true},
+      {"clamped timer", [&](KLTValue& c) { timer(c, 1.2e21); }, "/configs/0/conditions/0/details/additional_info/time", "error",
+       "time 1.2e+21 ms is too large to read and is clamped: once armed, the timer never ends and blocks the engine's queue for good (no later event is handled, nothing else is dispatched)", true},
+      {"timer past the validity", [&](KLTValue& c) { timer(c, int64_t{31536001000}); }, "/configs/0/conditions/0/details/additional_info/time", "error",
+       "time 31536001000 ms is longer than the campaign's validity (31536000000 ms from start_date to end_date): the timer cannot end while the campaign runs", false},
+      {"match op outside the words", [&](KLTValue& c) { cond(c)["details"]["additional_info"]["plan"] = {{"op", "EQUALS"}, {"t", "s"}, {"val", "gold"}}; },
+       "/configs/0/conditions/0/details/additional_info/plan/op", "error",
+       "op \"EQUALS\" is not EQ, NEQ, GT, GTE, LT or LTE: the attribute never matches, so the condition never completes", true},
+      {"schema only: rule_type", [&](KLTValue& c) { cond(c)["rule_type"] = 5; }, "/configs/0/conditions/0/rule_type", "warning", "5 is not text", true},
+      {"text long enough to overflow a regex matcher", [](KLTValue& c) { c["time_limits"]["start_time"] = std::string(300000, '0'); },
+       "/configs/0/time_limits/start_time", "warning",
+       '"' + std::string(119, '0') + "... (300002 bytes) is not a time of day HH:MM: it reads as 00:00", true},
+      {"other device", [](KLTValue& c) { c["audience"]["hw"] = {{"val", "iPad13,1"}}; }, "/configs/0/audience/hw/val", "info",
+       "Hardware Model check failed: device \"iPhone14,2\" is not \"iPad13,1\"", false},
+      {"older app", [](KLTValue& c) { c["audience"]["ver"] = {{"val", 3}, {"op", "GT"}}; }, "/configs/0/audience/ver", "info",
+       "Version check failed: app 1.0 is not GT 3", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    KLTValue document = soundDocument();
+    if (std::string_view(row.note) == "duplicate _id") document["configs"].push_back(document["configs"][0]);
+    row.change(document["configs"][0]);
+    const auto [rc, report] = check(optionsFor(document));
+    std::vector<KLTValue> findings;
+    for (const auto& c : report["campaigns"]) findings.insert(findings.end(), c["findings"].begin(), c["findings"].end());
+    ASSERT_EQ(findings.size(), row.findings) << report.dump(1);
+    EXPECT_EQ(findings[0]["path"], row.path);
+    EXPECT_EQ(findings[0]["severity"], row.severity);
+    EXPECT_EQ(findings[0]["message"], row.message);
+    EXPECT_EQ(findings[0]["value"], kltce::valueAtPointer(document, row.path));
+    EXPECT_EQ(rc, std::string_view(row.severity) == "error" ? 1 : 0);
+    EXPECT_EQ(kltce::validateAgainstSchema(document).empty(), !row.schemaRejects) << kltce::validateAgainstSchema(document).size();
+  }
+}
+
+TEST(KltceCheck, RejectionsForThisProfileAreErrorsOnlyWhenRequired) {
+  KLTValue document = soundDocument();
+  document["configs"][0]["audience"]["ver"] = {{"val", "3.0"}, {"op", "GTE"}};
+  document["configs"][0]["audience"]["hw"] = {{"val", "iPad13,1"}};
+  auto options = optionsFor(document);
+  const auto lenient = check(options);
+  EXPECT_EQ(lenient.rc, 0);
+  EXPECT_EQ(lenient.report["campaigns"][0]["reason"], "Hardware Model check failed");
+  EXPECT_EQ(lenient.report["campaigns"][0]["findings"].size(), 2u);  // both reasons at once
+  options.requireAdmitted = true;
+  const auto strict = check(options);
+  EXPECT_EQ(strict.rc, 1);
+  EXPECT_EQ(strict.report["errors"], 2);
+}
+
+TEST(KltceCheck, SchemaAcceptsTheSoundDocumentsAndRejectsTheFlawedOnes) {
+  for (const auto& [file, sound] : {std::pair{kSource / "examples" / "campaigns.json", true}, {kData / "campaigns.json", true},
+                                    {kSource / "examples" / "flawed_campaigns.json", false}, {kData / "flawed.json", false},
+                                    {kData / "blocked.json", false}}) {
+    SCOPED_TRACE(file.string());
+    const auto violations = kltce::validateAgainstSchema(kltce::loadJsonFile(file).value);
+    EXPECT_EQ(violations.empty(), sound) << (violations.empty() ? "" : violations[0].path + ": " + violations[0].message);
+  }
+}
+
+TEST(KltceCheck, MalformedDocumentsAreRefused) {
+  for (const char* text : {R"([1])", R"({"configs": 3})"}) {
+    SCOPED_TRACE(text);
+    auto options = optionsFor(KLTValue::parse(text));
+    std::ostringstream out, err;
+    EXPECT_EQ(kltce::runCheck(options, out, err), 2);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_FALSE(err.str().empty());
+  }
+}
+
+}  // namespace
