@@ -85,7 +85,7 @@ TEST(KLTSerialQueue, DestructorRunsTheTasksAlreadyPosted) {
   auto counter = std::make_shared<int>(0);
   std::promise<void> gate;
   std::shared_future<void> opened = gate.get_future().share();
-  auto queue = std::make_unique<KLTSerialQueue>("test.destructor");
+  auto queue = std::make_unique<KLTThreadSerialQueue>("test.destructor");
   queue->async([opened] { opened.wait(); });
   for (int i = 0; i < 200; ++i) queue->async([counter] { ++*counter; });
   // A task posted by a task while the queue is being destroyed still runs.
