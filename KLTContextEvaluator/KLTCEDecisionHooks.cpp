@@ -208,7 +208,7 @@ void windowClosed(const KLTCEConfigItem& item) {
 
 void capBlocked(const KLTCEConfigItem& item) {
   // Which test of the cap check refused, read from the same in-memory record in the same order.
-  const KLTValue& record = klt::valueForKey(item.frequency().frequencyConfig(), item.identifier());
+  const KLTValue& record = item.frequency().storedRecord(item.identifier());
   const auto read = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
   constexpr int32_t kNoLimit = 2147483647;
   const KLTValue& validity = klt::valueForKey(record, kKLTValidity);
@@ -239,7 +239,7 @@ void dispatched(const KLTCEConfigItem& item, const KLTDisplayEvent& event) {
 }
 
 void displayCounted(const KLTCEConfigItem& item, const std::string& identifier) {
-  const KLTValue& record = klt::valueForKey(item.frequency().frequencyConfig(), identifier);
+  const KLTValue& record = item.frequency().storedRecord(identifier);
   deliver(KLTCEDecisionKind::DisplayCounted, identifier, -1, KLTValue{{"record", plainRecord(record)}});
 }
 

@@ -43,10 +43,11 @@ class KLTCEFrequency {
 
   // This object's copy of the whole map, as a dictionary (built on each call: O(n)).
   KLTValue frequencyConfig() const { return _frequencyConfig.toDictionary(); }
+  // This object's view of the record of identifier (null when it has none); a hash lookup, no copy.
+  // Valid until this object next changes.
+  const KLTValue& storedRecord(const std::string& identifier) const;
 
  private:
-  // The record of identifier in this object's copy; a null value when there is none.
-  const KLTValue& storedRecord(const std::string& identifier) const;
   // A copy of the stored record of identifier; empty (with an ERROR line naming method) when the
   // stored value is not a dictionary.
   KLTValue recordForIdentifier(const std::string& identifier, const char* method) const;
