@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <bit>
 
-// A node is a leaf (entries sharing one full hash: nearly always one) or a branch (up to 32
-// children, indexed by five bits of the hash at its depth, present ones listed in bitmap order).
+// A node is a leaf (entries sharing one full hash: nearly always one) or a branch (up to 16
+// children, indexed by four bits of the hash at its depth, present ones listed in bitmap order).
 struct KLTSharedMap::Node {
   uint64_t hash = 0;
   std::vector<Entry> entries;
@@ -19,10 +19,14 @@ using Entry = KLTSharedMap::Entry;
 using Node = KLTSharedMap::Node;
 using NodePtr = std::shared_ptr<const Node>;
 
-constexpr unsigned kBits = 5;
+// Sixteen-way branches: every change copies the branches on its path, and every frequency cap keeps
+// its own changed path for as long as it lives, so narrower branches hold less per cap than 32-way
+// ones, for one more level on a lookup.
+constexpr unsigned kBits = 4;
+constexpr uint32_t kSlots = 1u << kBits;
 
 uint64_t hashOf(std::string_view key) { return std::hash<std::string_view>{}(key); }
-uint32_t slotOf(uint64_t hash, unsigned shift) { return static_cast<uint32_t>((hash >> shift) & 31u); }
+uint32_t slotOf(uint64_t hash, unsigned shift) { return static_cast<uint32_t>((hash >> shift) & (kSlots - 1u)); }
 std::size_t indexOf(uint32_t bitmap, uint32_t slot) {
   return static_cast<std::size_t>(std::popcount(bitmap & ((1u << slot) - 1u)));
 }
@@ -155,7 +159,7 @@ void diffNodes(const Node* a, const Node* b, unsigned shift, const Visit& visit)
   };
   const auto mapOf = [shift](const Node* n) { return n->isLeaf() ? 1u << slotOf(n->hash, shift) : n->bitmap; };
   const uint32_t slots = mapOf(a) | mapOf(b);
-  for (uint32_t slot = 0; slot < 32; ++slot) {
+  for (uint32_t slot = 0; slot < kSlots; ++slot) {
     if (slots & (1u << slot)) diffNodes(childAt(a, slot), childAt(b, slot), shift + kBits, visit);
   }
 }
