@@ -63,5 +63,8 @@ int main() {
   const auto text = engine.replaceMacros("Thanks, [user_first_name(friend)]!");
   std::printf("%.*s %s: %s\n", static_cast<int>(event->className().size()), event->className().data(), id.c_str(),
               text ? text->c_str() : "(no text)");
+  // Before leaving main: the count update runs on the engine's queue, and must not still be
+  // running while the process tears down the host's objects.
+  engine.ceOpsSerialQueue()->waitUntilIdle();
   return text ? 0 : 1;
 }
