@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "platform/KLTLog.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/replay.h"
 #include "tools/kltce/stream_line.h"
@@ -420,6 +421,8 @@ ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions
     evaluator.ceOpsSerialQueue()->waitUntilIdle();
   }
   if (decisions.trace) decisions.trace->flush();
+  // The engine's lines made during the replay come out before the account that follows them.
+  KLTLog::flush();
   if (decisions.explain) tracker->writeExplanation(explanation);
   if (outcomes) *outcomes = tracker->outcomes();
   return result;
