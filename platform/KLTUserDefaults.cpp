@@ -9,6 +9,7 @@
 #include <unordered_set>
 
 #include "platform/KLTLog.h"
+#include "platform/KLTValueReader.h"
 
 namespace {
 
@@ -71,18 +72,17 @@ std::string encode(const KLTValue& v) {
   return std::string(bytes.begin(), bytes.end());
 }
 
-// Decodes CBOR; binary subtypes (dates) survive through the stored tags. Null on malformed input.
-// The parser still throws on some inputs (a length beyond what a container can hold) even when told
-// not to, and a damaged file must never take the process down.
+// Decodes CBOR through the one reader of stored values, so that the store holds to the same
+// nesting limit as every other input; binary subtypes (dates) survive through the stored tags.
+// Null, with ok false, on malformed input and on a value nested past the limit. A damaged or
+// hostile file must never take the process down: the reader neither throws nor recurses deeper
+// than the limit, and a file it refuses is moved aside by load() like any other unreadable one
+// (a journal record it refuses ends the replay of the journal there, as a torn record does).
+// The limit itself, and why it bounds every recursion over values, is in KLTValueReader.h.
 KLTValue decode(std::string_view payload, bool& ok) {
-  try {
-    KLTValue v = KLTValue::from_cbor(payload.begin(), payload.end(), true, false, KLTValue::cbor_tag_handler_t::store);
-    ok = !v.is_discarded();
-    return v;
-  } catch (const std::exception&) {
-    ok = false;
-    return KLTValue();
-  }
+  klt::KLTValueRead read = klt::readCbor(payload);
+  ok = read.ok();
+  return std::move(read.value);
 }
 
 void applyOp(KLTValue& map, const KLTValue& op) {
