@@ -128,6 +128,10 @@ TEST(KLTContextEvaluatorAdmission, EachStepRejectsWithItsMessage) {
       {R"({"validity": {"start_date": "2026-01-01T00:00:01Z"}})", "Config doesn't fall in between dates"},
       {R"({"validity": {"end_date": "2025-12-31T23:59:59Z"}})", "Config doesn't fall in between dates"},
       {R"({"validity": {"end_date": "2026-01-01T01:00:00+01:00"}})", ""},
+      {R"({"validity": {"start_date": "0001-01-01T00:00:00Z", "end_date": "4050-01-01T00:00:00Z"}})", ""},
+      {R"({"validity": {"end_date": "9999-12-31T23:59:59.999Z"}})", ""},
+      {R"({"validity": {"start_date": "4050-01-01T00:00:00Z", "end_date": "9999-12-31T23:59:59Z"}})",
+       "Config doesn't fall in between dates"},
       {R"({"conditions": null})", ""},
       {R"({"conditions": []})", ""},
       {R"({"conditions": [{"combine_operator": "OR", "details": {"additional_info": {}}}]})",
@@ -198,7 +202,7 @@ TEST(KLTContextEvaluatorAdmission, ReadsTheHostAtTheMomentOfTheCheck) {
 }
 
 TEST(KLTContextEvaluatorAdmission, ValidityBoundsAreInclusive) {
-  using std::chrono::nanoseconds;
+  using std::chrono::microseconds;
   const KLTTimePoint start = *KLTUtilities::dateFromKLTDateString(KLTValue("2026-03-01T10:00:00Z"));
   const KLTTimePoint end = *KLTUtilities::dateFromKLTDateString(KLTValue("2026-03-01T12:00:00.250Z"));
   struct Row {
@@ -207,10 +211,10 @@ TEST(KLTContextEvaluatorAdmission, ValidityBoundsAreInclusive) {
     const char* note;
   };
   const std::vector<Row> rows = {
-      {start - nanoseconds(1), false, "just before the start"},
+      {start - microseconds(1), false, "just before the start"},
       {start, true, "at the start"},
       {end, true, "at the end"},
-      {end + nanoseconds(1), false, "just after the end"},
+      {end + microseconds(1), false, "just after the end"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.note);

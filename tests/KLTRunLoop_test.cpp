@@ -181,6 +181,10 @@ TEST(KLTClockTest, AddSaturating) {
     EXPECT_EQ(KLTClock::addSaturating(base, r.seconds), r.expected);
   }
   EXPECT_EQ(KLTClock::epochMillis(base + 1500ms), 1'795'860'001'500);
+  // From the year 0001 the room up to max() exceeds the 64-bit range itself.
+  const KLTTimePoint year1(std::chrono::sys_days(std::chrono::year(1) / 1 / 1));
+  EXPECT_EQ(KLTClock::addSaturating(year1, 30), year1 + 30s);
+  EXPECT_EQ(KLTClock::addSaturating(year1, 9.3e12), KLTTimePoint::max());
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "host/KLTController.h"
 #include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTFaultyStoreFiles.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
 
@@ -144,6 +147,69 @@ TEST(KltceReplay, CountersSurviveABadLine) {
   const Outcome first = replay(options, tap("2026-11-22T09:00:00Z") + R"({"action":"shown","id":"tap_promo"})" "\n{\n");
   EXPECT_EQ(first.result.exitCode, 1);
   EXPECT_EQ(replay(options, tap("2026-11-23T09:00:00Z")).out, "");
+}
+
+TEST(KltceReplay, RunsAcrossTheWholeRangeOfDates) {
+  // Each instant once overflowed the clock; the idle timers and saved counters run there too.
+  KLTTempDir dir;
+  auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
+  options.fresh = false;
+  options.statePath = dir.path() / "counters.kltstore";
+  options.autoShown = true;
+  for (auto& config : options.document["configs"]) {
+    config["validity"] = {{"start_date", "0001-01-01T00:00:00Z"}, {"end_date", "9999-12-31T23:59:59.999Z"}};
+    for (auto& condition : config["conditions"]) {
+      for (KLTValue* holder : {&condition, &condition["trigger"]}) {
+        if (holder->contains("time_bounds")) (*holder)["time_bounds"] = {{"lower", -62135596800000}, {"upper", 253402300799999}};
+      }
+    }
+  }
+  const Outcome o = replay(options, R"({"t":"0001-01-01T00:00:00Z","type":"app","name":"pause"})" "\n"
+                                    R"({"t":"2500-06-01T09:00:00Z","type":"app","name":"tap"})" "\n"
+                                    R"({"t":253402300000000,"type":"app","name":"pause"})" "\n");
+  EXPECT_EQ(o.result.exitCode, 0) << o.err;
+  EXPECT_EQ(o.err, "");
+  EXPECT_EQ(o.result.displays, 3u) << o.out;
+  for (const char* time : {"0001-01-01T00:00:30Z", "2500-06-01T09:00:00Z", "9999-12-31T23:47:10Z"}) {
+    EXPECT_NE(o.out.find(std::string(R"({"time":")") + time), std::string::npos) << time << " in " << o.out;
+  }
+}
+
+TEST(KltceReplay, ResetForgetsTheCampaignsOfEarlierRuns) {
+  replay(optionsFor(kData / "campaigns.json", kData / "profile.json"), tap("2026-11-22T09:00:00Z"));
+  KLTContextEvaluator& evaluator = KLTContextEvaluator::sharedInstance();
+  ASSERT_TRUE(evaluator.ceOpsSerialQueue()->waitUntilIdle());
+  ASSERT_FALSE(evaluator.configurationIdentifiers().empty());
+  ASSERT_GT(KLTController::sharedController().registrationCount(), 0u);
+  ASSERT_TRUE(evaluator.resetForTesting());
+  EXPECT_TRUE(evaluator.configurationIdentifiers().empty());
+  EXPECT_EQ(KLTController::sharedController().registrationCount(), 0u);
+}
+
+TEST(KltceReplay, CountersThatCannotBeSavedEndTheRunWithItsOwnStatus) {
+  struct Row {
+    const char* note;
+    int failedWrites;
+    int exitCode;
+  } rows[] = {
+      {"every write fails: the run says so and exits 4", 1000, kltce::kExitUnsaved},
+      {"one failed save is made good by the last one", 1, kltce::kExitOk},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    KLTTempDir dir;
+    auto files = std::make_shared<KLTFaultyStoreFiles>();
+    auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
+    options.fresh = false;
+    options.statePath = dir.path() / "counters.kltstore";
+    options.store = std::make_shared<KLTUserDefaults>(options.statePath, files);
+    files->failNextWrites(row.failedWrites);
+    const Outcome o = replay(options, tap("2026-11-22T09:00:00Z") + R"({"action":"shown","id":"tap_promo"})" "\n");
+    EXPECT_EQ(o.out, std::string(kTapLine) + "\n");
+    EXPECT_EQ(o.result.exitCode, row.exitCode);
+    EXPECT_EQ(o.err.find("could not be saved to '" + options.statePath.string() + "'") != std::string::npos,
+              row.exitCode == kltce::kExitUnsaved) << o.err;
+  }
 }
 
 TEST(KltceReplay, UnusableStatePathsGiveOneMessage) {

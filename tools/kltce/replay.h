@@ -36,6 +36,7 @@ struct ReplayOptions {
   std::shared_ptr<const KLTTimeZone> zone;       // nullptr: the profile's, else the system's
   std::optional<KLTTimePoint> start;
   std::filesystem::path statePath;               // empty: counters kept in memory only
+  std::shared_ptr<KLTUserDefaults> store;        // used instead of opening statePath when set (tests)
   bool fresh = false;                            // start with empty counters (the state file is reset)
   bool autoShown = false;                        // report every dispatch as shown
   bool strict = false;                           // stop at the first bad line
@@ -50,6 +51,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitStopped = 1;   // a bad line under --strict
 inline constexpr int kExitUsage = 2;     // unusable document, profile, state path or option
 inline constexpr int kExitBlocked = 3;   // the engine's queue is blocked for good
+inline constexpr int kExitUnsaved = 4;   // the run went through but its counters could not be saved
 
 struct ReplayResult {
   int exitCode = kExitOk;
