@@ -35,9 +35,9 @@ int32_t limitValue(const KLTValue& v) {
 bool dayPeriodIsOver(const KLTValue& record, KLTTimePoint now) {
   const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay));
   if (!day) return true;
-  const double hours = std::chrono::duration<double>(now - *day).count() / 3600.0;
-  // Compared as a double truncated toward zero, which is what a 64-bit truncation would give for
-  // any elapsed time a clock can produce, without its undefined behaviour on overflow.
+  // In floating microseconds, truncated toward zero: any two instants subtract without overflow.
+  const double hours = (static_cast<double>(now.time_since_epoch().count()) -
+                        static_cast<double>(day->time_since_epoch().count())) / 3.6e9;
   return std::trunc(hours) > static_cast<double>(kDayPeriodHours);
 }
 

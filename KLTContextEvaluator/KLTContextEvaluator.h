@@ -10,6 +10,8 @@
 // The instance lives for the rest of the process (it is never destroyed).
 #pragma once
 
+#include <chrono>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +76,15 @@ class KLTContextEvaluator final : public KeltoPlugin {
   std::vector<std::string> configurationIdentifiers() const;
   // The stored item for an id, or nullptr; same threading rule.
   std::shared_ptr<KLTCEConfigItem> configItemForIdentifier(const std::string& identifier) const;
+
+  // For tests and fuzzing, not for hosts: makes the engine as on a fresh device, so that one
+  // process can run many independent inputs without the earlier ones being reached or slowing the
+  // later ones. Forgets every stored config item and every listener registered with the host
+  // controller; the forgotten rule objects stay alive (they live for the rest of the process by
+  // design) but nothing delivers events to them any more. Runs on the queue after every task posted
+  // before it and waits for it: false when the queue is not idle within the timeout (a timer that
+  // never ends holds it for good). Call from any thread but the queue's.
+  bool resetForTesting(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
  private:
   explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);

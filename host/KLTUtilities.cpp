@@ -2,8 +2,13 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
+#include <sstream>
+#include <string>
+
+#include <date/date.h>
 
 namespace {
 
@@ -25,15 +30,15 @@ bool& firstSessionSlot() {
   return first;
 }
 
-bool digits(std::string_view s, std::size_t at, std::size_t n, int& out) {
+bool allDigits(std::string_view s, std::size_t at, std::size_t n) {
   if (at + n > s.size()) return false;
-  out = 0;
   for (std::size_t i = at; i < at + n; ++i) {
     if (s[i] < '0' || s[i] > '9') return false;
-    out = out * 10 + (s[i] - '0');
   }
   return true;
 }
+
+int twoDigits(std::string_view s, std::size_t at) { return (s[at] - '0') * 10 + (s[at + 1] - '0'); }
 
 }  // namespace
 
@@ -61,47 +66,47 @@ std::optional<KLTTimePoint> KLTUtilities::dateFromKLTDateString(const KLTValue& 
   const std::string* p = klt::stringPtr(text);
   if (!p) return std::nullopt;
   const std::string_view s = *p;
-  int y, mo, d, h, mi, sec;
-  if (!digits(s, 0, 4, y) || s.size() < 19 || s[4] != '-' || !digits(s, 5, 2, mo) || s[7] != '-' ||
-      !digits(s, 8, 2, d) || (s[10] != 'T' && s[10] != 't') || !digits(s, 11, 2, h) || s[13] != ':' ||
-      !digits(s, 14, 2, mi) || s[16] != ':' || !digits(s, 17, 2, sec)) {
+  // The shape is ours to hold: every field at its place and of its full width ("2026-1-2" and
+  // two-digit years are not dates here, though the date library's own reading would take them).
+  if (s.size() < 19 || !allDigits(s, 0, 4) || s[4] != '-' || !allDigits(s, 5, 2) || s[7] != '-' ||
+      !allDigits(s, 8, 2) || (s[10] != 'T' && s[10] != 't') || !allDigits(s, 11, 2) || s[13] != ':' ||
+      !allDigits(s, 14, 2) || s[16] != ':' || !allDigits(s, 17, 2)) {
     return std::nullopt;
   }
-  using namespace std::chrono;
-  const year_month_day ymd{year(y), month(static_cast<unsigned>(mo)), day(static_cast<unsigned>(d))};
-  if (!ymd.ok() || h > 23 || mi > 59 || sec > 59) return std::nullopt;
+  std::string civil(s.substr(0, 19));
+  civil[10] = 'T';
   std::size_t at = 19;
-  nanoseconds fraction{0};
   if (at < s.size() && s[at] == '.') {
-    ++at;
-    const std::size_t start = at;
-    int64_t scale = 100000000;
-    while (at < s.size() && s[at] >= '0' && s[at] <= '9') {
-      fraction += nanoseconds((s[at] - '0') * scale);
-      scale /= 10;
-      ++at;
-    }
+    const std::size_t start = ++at;
+    while (at < s.size() && s[at] >= '0' && s[at] <= '9') ++at;
     if (at == start) return std::nullopt;
+    // Instants count microseconds: further digits are dropped, rounding toward the earlier instant.
+    civil += '.';
+    civil.append(s.substr(start, std::min<std::size_t>(at - start, 6)));
   }
-  minutes offset{0};
+  std::chrono::minutes offset{0};
   if (at < s.size() && (s[at] == 'Z' || s[at] == 'z')) {
     ++at;
   } else if (at < s.size() && (s[at] == '+' || s[at] == '-')) {
     const bool negative = s[at] == '-';
-    int oh, om;
-    if (!digits(s, at + 1, 2, oh) || oh > 23) return std::nullopt;
+    if (!allDigits(s, at + 1, 2) || twoDigits(s, at + 1) > 23) return std::nullopt;
     std::size_t next = at + 3;
     if (next < s.size() && s[next] == ':') ++next;
-    if (!digits(s, next, 2, om) || om > 59) return std::nullopt;
-    offset = minutes(oh * 60 + om);
+    if (!allDigits(s, next, 2) || twoDigits(s, next) > 59) return std::nullopt;
+    offset = std::chrono::minutes(twoDigits(s, at + 1) * 60 + twoDigits(s, next));
     if (negative) offset = -offset;
     at = next + 2;
   } else {
     return std::nullopt;  // a local time without an offset names no single instant
   }
   if (at != s.size()) return std::nullopt;
-  const auto local = sys_days(ymd) + hours(h) + minutes(mi) + seconds(sec) + fraction;
-  return time_point_cast<KLTTimePoint::duration>(local - offset);
+  // The calendar is the date library's: it refuses February 30, hour 24, second 60 and the like,
+  // and counts the days of every year from 0001 to 9999.
+  std::istringstream in(civil);
+  date::sys_time<std::chrono::microseconds> local;
+  in >> date::parse("%Y-%m-%dT%H:%M:%S", local);
+  if (in.fail() || in.peek() != std::char_traits<char>::eof()) return std::nullopt;
+  return KLTTimePoint(local.time_since_epoch()) - offset;
 }
 
 bool KLTUtilities::isNonEmptyString(const KLTValue& value) {

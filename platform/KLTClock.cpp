@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
+#include <limits>
 #include <mutex>
 
 namespace {
@@ -124,15 +125,20 @@ int64_t KLTClock::epochMillis(KLTTimePoint t) {
 KLTTimePoint KLTClock::addSaturating(KLTTimePoint base, double seconds) {
   if (std::isnan(seconds) || seconds <= 0) return base;
   const double ticks = seconds * static_cast<double>(KLTTimePoint::period::den) / KLTTimePoint::period::num;
-  const double room = static_cast<double>((KLTTimePoint::max() - base).count());
-  if (ticks >= room) return KLTTimePoint::max();
+  // In floating ticks: max() - base itself overflows for a base before 1970. The margin of a
+  // second keeps the sum clear of max() despite the rounding of doubles this far out (the year
+  // 294,000), and the second test keeps the conversion below within the 64-bit range.
+  using Rep = KLTTimePoint::rep;
+  const double room = static_cast<double>(std::numeric_limits<Rep>::max()) -
+                      static_cast<double>(base.time_since_epoch().count()) - 1e6;
+  if (ticks >= room || ticks >= static_cast<double>(std::numeric_limits<Rep>::max())) return KLTTimePoint::max();
   return base + KLTTimePoint::duration(static_cast<KLTTimePoint::rep>(ticks));
 }
 
 KLTRealClock::KLTRealClock(std::shared_ptr<const KLTTimeZone> zone)
     : zone_(zone ? std::move(zone) : KLTTimeZone::system()) {}
 
-KLTTimePoint KLTRealClock::now() const { return std::chrono::system_clock::now(); }
+KLTTimePoint KLTRealClock::now() const { return std::chrono::floor<KLTTimePoint::duration>(std::chrono::system_clock::now()); }
 
 bool KLTRealClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
   std::mutex m;
@@ -143,7 +149,7 @@ bool KLTRealClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
       cv.wait(lock, stop, [] { return false; });
       continue;
     }
-    const auto remaining = deadline - std::chrono::system_clock::now();
+    const auto remaining = deadline - now();  // in the instants' own unit: no far deadline overflows
     if (remaining <= KLTTimePoint::duration::zero()) return true;
     // Wait in steady time so that a wall-clock jump does not stretch the sleep.
     const auto steadyDeadline = std::chrono::steady_clock::now() +

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <exception>
 
+#include "platform/KLTValueReader.h"
+
 namespace klt {
 namespace {
 
@@ -17,7 +19,7 @@ bool looksTagged(const KLTValue& v) {
 
 KLTValue tagged(const KLTValue& v) {
   if (auto date = dateValue(v)) {
-    return KLTValue{{kDateTag, std::chrono::duration_cast<std::chrono::nanoseconds>(date->time_since_epoch()).count()}};
+    return KLTValue{{kDateTag, std::chrono::duration_cast<std::chrono::microseconds>(date->time_since_epoch()).count()}};
   }
   if (v.is_number_float() && !std::isfinite(v.get<double>())) {
     const double d = v.get<double>();
@@ -56,7 +58,7 @@ KLTValue untagged(const KLTValue& v) {
     const auto& [tag, inner] = *v.items().begin();
     if (tag == kDateTag && inner.is_number_integer()) {
       return makeDate(KLTTimePoint(std::chrono::duration_cast<KLTTimePoint::duration>(
-          std::chrono::nanoseconds(inner.get<int64_t>()))));
+          std::chrono::microseconds(inner.get<int64_t>()))));
     }
     if (tag == kDictTag && inner.is_object()) return untaggedEntries(inner);
     if (tag == kDoubleTag && inner.is_string()) {
@@ -78,9 +80,10 @@ std::optional<std::string> encodeStoredValue(const KLTValue& value) {
 }
 
 std::optional<KLTValue> decodeStoredValue(std::string_view text) {
-  KLTValue parsed = KLTValue::parse(text.begin(), text.end(), nullptr, false);
-  if (parsed.is_discarded()) return std::nullopt;
-  return untagged(parsed);
+  // Through the one reader of outside data, so that a stored value obeys the same nesting limit.
+  KLTValueRead read = readJsonText(text);
+  if (!read.ok()) return std::nullopt;
+  return untagged(read.value);
 }
 
 }  // namespace klt

@@ -2,7 +2,7 @@
 // stored value, readable with any SQLite shell.
 //
 // JSON has no dates, and dates must come back as dates: a date is written as {"$date": <integer
-// nanoseconds since 1970-01-01 UTC>}. So that no stored dictionary can be mistaken for a date, a
+// microseconds since 1970-01-01 UTC>}. So that no stored dictionary can be mistaken for a date, a
 // dictionary whose only key is "$date" or "$dict" is written wrapped as {"$dict": {...}}. Floating
 // numbers that JSON cannot hold (infinities, NaN) are written as {"$double": "inf" | "-inf" | "nan"}.
 //

@@ -9,7 +9,12 @@ namespace klt {
 namespace {
 
 // Subtype that marks a binary value as a date: 8 bytes, big-endian signed nanoseconds since epoch.
+// A date is 8 big-endian bytes under one of two subtypes: nanoseconds since 1970 for instants that
+// fit them (every store written so far holds these), microseconds for the instants before 1678 or
+// after 2261 that nanoseconds cannot count.
 constexpr std::uint8_t kDateSubtype = 0x44;
+constexpr std::uint8_t kWideDateSubtype = 0x45;
+constexpr int64_t kMaxNanosecondMicros = std::numeric_limits<int64_t>::max() / 1000;
 
 const KLTValue& nullValue() {
   static const KLTValue kNull;
@@ -69,7 +74,8 @@ bool isString(const KLTValue& v) { return v.is_string(); }
 bool isDictionary(const KLTValue& v) { return v.is_object(); }
 bool isNumber(const KLTValue& v) { return v.is_number() || v.is_boolean(); }
 bool isDate(const KLTValue& v) {
-  return v.is_binary() && v.get_binary().has_subtype() && v.get_binary().subtype() == kDateSubtype &&
+  return v.is_binary() && v.get_binary().has_subtype() &&
+         (v.get_binary().subtype() == kDateSubtype || v.get_binary().subtype() == kWideDateSubtype) &&
          v.get_binary().size() == 8;
 }
 
@@ -291,10 +297,12 @@ bool isText(const KLTValue& v, std::string_view text) {
 const std::string* stringPtr(const KLTValue& v) { return v.is_string() ? v.get_ptr<const std::string*>() : nullptr; }
 
 KLTValue makeDate(KLTTimePoint t) {
-  const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+  const int64_t us = t.time_since_epoch().count();
+  const bool narrow = us >= -kMaxNanosecondMicros && us <= kMaxNanosecondMicros;
+  const uint64_t u = static_cast<uint64_t>(narrow ? us * 1000 : us);
   std::vector<std::uint8_t> bytes(8);
-  for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(static_cast<uint64_t>(ns) >> (56 - 8 * i));
-  return KLTValue::binary(std::move(bytes), kDateSubtype);
+  for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(u >> (56 - 8 * i));
+  return KLTValue::binary(std::move(bytes), narrow ? kDateSubtype : kWideDateSubtype);
 }
 
 std::optional<KLTTimePoint> dateValue(const KLTValue& v) {
@@ -302,8 +310,10 @@ std::optional<KLTTimePoint> dateValue(const KLTValue& v) {
   const auto& bytes = v.get_binary();
   uint64_t u = 0;
   for (int i = 0; i < 8; ++i) u = (u << 8) | bytes[i];
-  return KLTTimePoint(std::chrono::duration_cast<KLTTimePoint::duration>(
-      std::chrono::nanoseconds(static_cast<int64_t>(u))));
+  const auto count = static_cast<int64_t>(u);
+  if (bytes.subtype() == kWideDateSubtype) return KLTTimePoint(std::chrono::microseconds(count));
+  // Nanoseconds round toward the earlier microsecond, as the instant they were made from was.
+  return std::chrono::floor<std::chrono::microseconds>(KLTTimePoint() + std::chrono::nanoseconds(count));
 }
 
 std::string formatDate(KLTTimePoint t) {

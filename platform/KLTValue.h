@@ -25,8 +25,11 @@
 
 using KLTValue = nlohmann::ordered_json;
 
-// UTC instants throughout the system.
-using KLTTimePoint = std::chrono::system_clock::time_point;
+// UTC instants throughout the system, to the microsecond. Counting microseconds in 64 bits spans
+// about 292,000 years either side of 1970, so every instant a date text can write (years 0001 to
+// 9999), and any sum of such an instant and a timer interval that saturates at max(), is held
+// without overflow; the system clock's own nanoseconds would stop at the years 1678 and 2262.
+using KLTTimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
 
 namespace klt {
 

@@ -97,7 +97,7 @@ TEST_F(KLTCEFrequencyTest, DayPeriodEndsAfterMoreThan24WholeHoursAndOnlyAConstru
   };
   const std::vector<Row> rows = {
       {"24 h exactly", hours(24), false},
-      {"a nanosecond short of 25 h", hours(25) - std::chrono::nanoseconds(1), false},
+      {"a microsecond short of 25 h", hours(25) - std::chrono::microseconds(1), false},
       {"25 h", hours(25), true},
   };
   for (const auto& row : rows) {

@@ -132,6 +132,10 @@ TEST(KLTContextEvaluatorAdmission, EachStepRejectsWithItsMessage) {
       {R"({"validity": {"start_date": "2025-06-01"}})", "Config doesn't fall in between dates"},
       {R"({"validity": {"end_date": null}})", "Config doesn't fall in between dates"},
       {R"({"validity": {"end_date": "2026-01-01T01:00:00+01:00"}})", ""},
+      {R"({"validity": {"start_date": "0001-01-01T00:00:00Z", "end_date": "4050-01-01T00:00:00Z"}})", ""},
+      {R"({"validity": {"end_date": "9999-12-31T23:59:59.999Z"}})", ""},
+      {R"({"validity": {"start_date": "4050-01-01T00:00:00Z", "end_date": "9999-12-31T23:59:59Z"}})",
+       "Config doesn't fall in between dates"},
       {R"({"conditions": null})", ""},
       {R"({"conditions": [{"combine_operator": "and"}]})", "Improper combine operator"},
       {R"({"conditions": ["AND"]})", "Improper combine operator"},
@@ -185,14 +189,14 @@ TEST(KLTContextEvaluatorAdmission, ReadsTheHostAtTheMomentOfTheCheck) {
 }
 
 TEST(KLTContextEvaluatorAdmission, ValidityBoundsAreInclusive) {
-  using std::chrono::nanoseconds;
+  using std::chrono::microseconds;
   const KLTTimePoint start = *KLTUtilities::dateFromKLTDateString(KLTValue("2026-03-01T10:00:00Z"));
   const KLTTimePoint end = *KLTUtilities::dateFromKLTDateString(KLTValue("2026-03-01T12:00:00.250Z"));
   struct Row {
     KLTTimePoint now;
     bool admitted;
   };
-  const std::vector<Row> rows = {{start - nanoseconds(1), false}, {start, true}, {end, true}, {end + nanoseconds(1), false}};
+  const std::vector<Row> rows = {{start - microseconds(1), false}, {start, true}, {end, true}, {end + microseconds(1), false}};
   KLTValue config = admittedConfig();
   config["validity"] = J(R"({"start_date": "2026-03-01T10:00:00Z", "end_date": "2026-03-01T12:00:00.250Z"})");
   for (const Row& r : rows) {

@@ -76,4 +76,12 @@ TEST_F(KLTRunLoopTest, ManualModeFiresWhenAdvanceReachesTheFireDateAndInvalidate
   EXPECT_FALSE(neverFired);
 }
 
+// From the year 0001 the room up to max() exceeds the 64-bit range itself: no overflow either way.
+TEST(KLTClockTest, AddSaturatingOverTheWholeRange) {
+  const KLTTimePoint year1(std::chrono::sys_days(std::chrono::year(1) / 1 / 1));
+  EXPECT_EQ(KLTClock::addSaturating(year1, 30), year1 + 30s);
+  EXPECT_EQ(KLTClock::addSaturating(year1, 9.3e12), KLTTimePoint::max());
+  EXPECT_EQ(KLTClock::addSaturating(year1, std::numeric_limits<double>::infinity()), KLTTimePoint::max());
+}
+
 }  // namespace

@@ -203,12 +203,27 @@ TEST(KLTValue, TextForm) {
 
 TEST(KLTValue, DatesRoundTripAndKeysNeverInsert) {
   using namespace std::chrono;
-  for (const auto& t : {KLTTimePoint(seconds(1'795'860'000)) + nanoseconds(123'456'789), KLTTimePoint(seconds(-86'400))}) {
+  const std::vector<KLTTimePoint> instants = {
+      KLTTimePoint{},
+      KLTTimePoint(seconds(1'795'860'000)) + microseconds(123'456),
+      KLTTimePoint(seconds(-86'400)),
+      KLTTimePoint(sys_days(year(1) / 1 / 1)),                              // before 1678
+      KLTTimePoint(sys_days(year(9999) / 12 / 31)) + microseconds(86'399'999'999),  // after 2261
+  };
+  for (const auto& t : instants) {
     SCOPED_TRACE(t.time_since_epoch().count());
     EXPECT_EQ(klt::dateValue(klt::makeDate(t)), t);
   }
   EXPECT_EQ(klt::formatDate(KLTTimePoint(seconds(-86'400))), "1969-12-31 00:00:00 +0000");
-  EXPECT_FALSE(klt::dateValue(KLTValue("2026-11-22")).has_value());
+  EXPECT_EQ(klt::formatDate(instants[4]), "9999-12-31 23:59:59 +0000");
+  // Stores written before instants went past 2261 hold nanoseconds under subtype 0x44: still read.
+  const KLTValue stored = KLTValue::binary({0x18, 0x9e, 0x8a, 0x3f, 0x87, 0x5b, 0x1d, 0x15}, 0x44);
+  EXPECT_EQ(klt::dateValue(stored), KLTTimePoint(microseconds(1'774'007'308'689'022)));
+  EXPECT_EQ(klt::makeDate(*klt::dateValue(stored)).get_binary().subtype(), 0x44);
+  for (const KLTValue& notDate : {KLTValue(1), KLTValue("2026-11-22"), KLTValue(), KLTValue::binary({1, 2, 3})}) {
+    SCOPED_TRACE(describe(notDate));
+    EXPECT_FALSE(klt::dateValue(notDate).has_value());
+  }
 
   const KLTValue dict = KLTValue::object({{"a", 1}});
   EXPECT_EQ(klt::valueForKey(dict, "a"), KLTValue(1));

@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "host/KLTController.h"
 #include "platform/KLTLog.h"
+#include "platform/KLTStoreFaults.h"
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
@@ -130,6 +133,53 @@ TEST(KltceReplay, CountersSurviveABadLine) {
   const Outcome first = replay(options, tap("2026-11-22T09:00:00Z") + R"({"action":"shown","id":"tap_promo"})" "\n{\n");
   EXPECT_EQ(first.result.exitCode, 1);
   EXPECT_EQ(replay(options, tap("2026-11-23T09:00:00Z")).out, "");
+}
+
+TEST(KltceReplay, RunsAcrossTheWholeRangeOfDates) {
+  // Each instant once overflowed the clock; idle timers and saved counters run there too.
+  KLTTempDir dir;
+  auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
+  options.fresh = false;
+  options.statePath = dir.path() / "counters.kltstore";
+  options.autoShown = true;
+  for (auto& config : options.document["configs"]) {
+    config["validity"] = {{"start_date", "0001-01-01T00:00:00Z"}, {"end_date", "9999-12-31T23:59:59.999Z"}};
+    config["conditions"][0]["time_bounds"] = {{"lower", -62135596800000}, {"upper", 253402300799999}};
+    config["conditions"][0]["trigger"]["time_bounds"] = config["conditions"][0]["time_bounds"];
+  }
+  const Outcome o = replay(options, R"({"t":"0001-01-01T00:00:00Z","type":"app","name":"pause"})" "\n"
+                                    R"({"t":"2500-06-01T09:00:00Z","type":"app","name":"tap"})" "\n"
+                                    R"({"t":253402300000000,"type":"app","name":"pause"})" "\n");
+  EXPECT_EQ(o.err, "");
+  for (const char* time : {"0001-01-01T00:00:30Z", "2500-06-01T09:00:00Z", "9999-12-31T23:47:10Z"}) {
+    EXPECT_NE(o.out.find(std::string(R"({"time":")") + time), std::string::npos) << time << " in " << o.out;
+  }
+}
+
+TEST(KltceReplay, ResetForgetsTheCampaignsOfEarlierRuns) {
+  replay(optionsFor(kData / "campaigns.json", kData / "profile.json"), tap("2026-11-22T09:00:00Z"));
+  KLTContextEvaluator& evaluator = KLTContextEvaluator::sharedInstance();
+  ASSERT_TRUE(evaluator.ceOpsSerialQueue()->waitUntilIdle() && !evaluator.configurationIdentifiers().empty());
+  ASSERT_TRUE(evaluator.resetForTesting());
+  EXPECT_TRUE(evaluator.configurationIdentifiers().empty());
+  EXPECT_EQ(KLTController::sharedController().registrationCount(), 0u);
+}
+
+TEST(KltceReplay, CountersThatCannotBeSavedEndTheRunWithItsOwnStatus) {
+  // Every write failing: one line and status 5; one failed save made good by the last: status 0.
+  for (const auto& [failedWrites, exitCode] : {std::pair{1000, kltce::kExitUnsaved}, std::pair{1, kltce::kExitOk}}) {
+    SCOPED_TRACE(failedWrites);
+    KLTTempDir dir;
+    auto files = std::make_shared<KLTStoreFaults>();
+    auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
+    options.statePath = dir.path() / "counters.kltstore";
+    options.store = std::make_shared<KLTUserDefaults>(options.statePath, files);
+    files->failNextWrites(failedWrites);
+    const Outcome o = replay(options, tap("2026-11-22T09:00:00Z") + R"({"action":"shown","id":"tap_promo"})" "\n");
+    EXPECT_EQ(o.result.exitCode, exitCode);
+    EXPECT_EQ(o.err.find("could not be saved to '" + options.statePath.string() + "'") != std::string::npos,
+              exitCode == kltce::kExitUnsaved) << o.err;
+  }
 }
 
 TEST(KltceReplay, LongReplaysShowProgress) {

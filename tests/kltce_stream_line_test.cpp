@@ -28,6 +28,10 @@ TEST(KltceStreamLine, ReadsEventsActionsAndNamesWhatIsWrong) {
       {"[1,2]", "must be a JSON object, not array", LineKind::Event, 0, "not an object"},
       {R"({"t":"yesterday","type":"app","name":"x"})", "\"t\" must be an ISO 8601 time", LineKind::Event, 0, "bad time text"},
       {R"({"t":1e300,"type":"app","name":"x"})", "\"t\" must be", LineKind::Event, 0, "time out of range"},
+      {R"({"t":253402300800000,"type":"app","name":"x"})", "years 0001 to 9999", LineKind::Event, 0, "ms past 9999"},
+      {R"({"t":-62135596800001,"type":"app","name":"x"})", "years 0001 to 9999", LineKind::Event, 0, "ms before 0001"},
+      {R"({"t":18446744073709551615,"type":"app","name":"x"})", "\"t\" must be", LineKind::Event, 0, "huge ms"},
+      {R"({"t":-9.3e18,"type":"app","name":"x"})", "\"t\" must be", LineKind::Event, 0, "huge negative float ms"},
       {R"({"type":"screen","name":"x"})", "unknown event type \"screen\"", LineKind::Event, 0, "unknown type"},
       {R"({"type":"activity","name":3})", "\"name\" must be text (the activity screen's name)", LineKind::Event, 0, "numeric name"},
       {R"({"type":"app","name":"x","attributes":[1]})", "\"attributes\" must be an object", LineKind::Event, 0, "list attributes"},
@@ -79,6 +83,9 @@ TEST(KltceTimeText, FormatsLocalTimeWithItsOffset) {
       {1783000000000, "Europe/Paris", "2026-07-02T15:46:40+02:00"},  // summer time
       {1795338000000, "-05:30", "2026-11-22T03:30:00-05:30"},
       {-1, "UTC", "1969-12-31T23:59:59.999Z"},
+      {-62135596800000, "UTC", "0001-01-01T00:00:00Z"},
+      {16725225600000, "Europe/Paris", "2500-01-01T01:00:00+01:00"},
+      {253402300799999, "UTC", "9999-12-31T23:59:59.999Z"},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.expected);

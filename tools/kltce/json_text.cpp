@@ -5,28 +5,16 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/KLTValueReader.h"
+
 namespace kltce {
 
 JsonResult parseJson(std::string_view text) {
-  JsonResult r;
-  // The library reports where and why only through its exception; it never leaves this function.
-  try {
-    r.value = KLTValue::parse(text.begin(), text.end());
-  } catch (const nlohmann::json::parse_error& e) {
-    std::string what = e.what();
-    // Drop the library's "[json.exception.parse_error.101] " tag; keep "parse error at line 1, column 5: ...".
-    if (auto pos = what.find("] "); what.rfind("[json.exception", 0) == 0 && pos != std::string::npos) {
-      what.erase(0, pos + 2);
-    }
-    // A single line needs no line number: the caller names the line.
-    if (text.find('\n') == std::string_view::npos) {
-      if (auto pos = what.find("at line 1, column"); pos != std::string::npos) what.replace(pos, 17, "at column");
-    }
-    r.value = nullptr;
-    r.error = what.empty() ? "not valid JSON" : what;
-  } catch (const std::exception& e) {
-    r.value = nullptr;
-    r.error = e.what();
+  klt::KLTValueRead read = klt::readJsonText(text);
+  JsonResult r{std::move(read.value), std::move(read.error), read.tooDeep};
+  // A single line needs no line number: the caller names the line.
+  if (!r.ok() && text.find('\n') == std::string_view::npos) {
+    if (auto pos = r.error.find("at line 1, column"); pos != std::string::npos) r.error.replace(pos, 17, "at column");
   }
   return r;
 }
@@ -51,7 +39,7 @@ JsonResult loadJsonFile(const std::filesystem::path& path) {
     return r;
   }
   r = parseJson(buffer.str());
-  if (!r.ok()) r.error = "'" + path.string() + "' is not valid JSON: " + r.error;
+  if (!r.ok()) r.error = "'" + path.string() + (r.tooDeep ? "' is refused: " : "' is not valid JSON: ") + r.error;
   return r;
 }
 

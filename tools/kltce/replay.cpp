@@ -410,7 +410,7 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
     return failed;
   }
   std::string error;
-  auto store = openStateStore(options.statePath, options.fresh, error);
+  auto store = options.store ? options.store : openStateStore(options.statePath, options.fresh, error);
   if (!store) {
     err << "kltce: " << error << '\n';
     return failed;
@@ -437,6 +437,7 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
   // The engine runs on a queue this thread drains after each line, unless it already runs on
   // another queue in this process (it is chosen once, before the engine's first use).
   KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue));
+  const std::shared_ptr<KLTUserDefaults> counters = store;
   ReplayHost host(options, start, zone, std::move(store));
   Replay replay(options, host, out, err);
   bool going = replay.startUp();
@@ -448,6 +449,14 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
   if (events.bad() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
   replay.finish();
   replay.result.lines = number;
+  // The engine logs each save that fails and goes on with the counters in memory. Once it is idle,
+  // one more save either makes every counter durable (a no-op when the last save worked) or shows
+  // that this run's counters are lost, which the person must learn from more than a log line.
+  if (!replay.result.queueBlocked && !counters->synchronize()) {
+    replay.say() << "kltce: the counters of this run could not be saved to '" << options.statePath.string()
+        << "'; the next run with this state starts from the last counters saved\n";
+    if (replay.result.exitCode == kExitOk) replay.result.exitCode = kExitUnsaved;
+  }
   return replay.result;
 }
 

@@ -41,6 +41,7 @@ struct ReplayOptions {
   std::shared_ptr<const KLTTimeZone> zone;       // nullptr: the profile's, else the system's
   std::optional<KLTTimePoint> start;
   std::filesystem::path statePath;               // empty: counters kept in memory only
+  std::shared_ptr<KLTUserDefaults> store;        // used instead of opening statePath when set (tests)
   bool fresh = false;                            // start with empty counters (the state file is reset)
   bool autoShown = false;                        // report every dispatch as shown
   bool strict = false;                           // stop at the first bad line
@@ -59,6 +60,7 @@ inline constexpr int kExitStopped = 1;   // a bad line under --strict
 inline constexpr int kExitUsage = 2;     // unusable document, profile, state path or option
 inline constexpr int kExitBlocked = 3;   // the engine's queue is blocked for good
 inline constexpr int kExitFailed = 4;    // an exception (out of memory included) stopped the work
+inline constexpr int kExitUnsaved = 5;   // the run went through but its counters could not be saved
 
 struct ReplayResult {
   int exitCode = kExitOk;

@@ -116,14 +116,15 @@ unsigned long eventCodeForType(std::string_view type) {
 LineResult parseStreamLine(std::string_view text) {
   if (isBlank(text)) return {};
   JsonResult json = parseJson(text);
-  if (!json.ok()) return fail("not valid JSON: " + json.error);
+  if (!json.ok()) return fail((json.tooDeep ? "refused: " : "not valid JSON: ") + json.error);
   const KLTValue& object = json.value;
   if (!object.is_object()) return fail("a line must be a JSON object, not " + std::string(object.type_name()));
   StreamLine line;
   if (const KLTValue& t = klt::valueForKey(object, "t"); !t.is_null()) {
     line.time = readInstant(t);
     if (!line.time) {
-      return fail("\"t\" must be an ISO 8601 time such as \"2026-11-22T09:00:00Z\" or epoch milliseconds, not " +
+      return fail("\"t\" must be an ISO 8601 time such as \"2026-11-22T09:00:00Z\" or epoch milliseconds, "
+                  "of the years 0001 to 9999, not " +
                   compactJson(t));
     }
   }

@@ -9,8 +9,10 @@ namespace kltce {
 
 namespace {
 
-// system_clock counts nanoseconds in 64 bits: about 292 years either side of 1970.
-constexpr int64_t kMaxEpochMillis = 9'000'000'000'000;
+// Epoch milliseconds of the instants a date text can write: 0001-01-01T00:00:00Z to
+// 9999-12-31T23:59:59.999Z. Anything beyond is refused rather than moved to a year nobody wrote.
+constexpr int64_t kMinEpochMillis = -62'135'596'800'000;
+constexpr int64_t kMaxEpochMillis = 253'402'300'799'999;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -21,10 +23,11 @@ std::optional<KLTTimePoint> readInstant(const KLTValue& value) {
   if (!value.is_number()) return std::nullopt;  // booleans are not instants here
   if (value.is_number_float()) {
     const double d = value.get<double>();
-    if (!(d > -static_cast<double>(kMaxEpochMillis) && d < static_cast<double>(kMaxEpochMillis))) return std::nullopt;
+    // Checked before any conversion to an integer: NaN and values past the range fail here.
+    if (!(d >= static_cast<double>(kMinEpochMillis) && d <= static_cast<double>(kMaxEpochMillis))) return std::nullopt;
   }
-  const int64_t ms = klt::integerValue(value);
-  if (ms > kMaxEpochMillis || ms < -kMaxEpochMillis) return std::nullopt;
+  const int64_t ms = klt::integerValue(value);  // unsigned values past int64 clamp, then fail below
+  if (ms > kMaxEpochMillis || ms < kMinEpochMillis) return std::nullopt;
   return KLTTimePoint(std::chrono::milliseconds(ms));
 }
 

@@ -14,8 +14,8 @@ namespace kltce {
 
 // The instant a stream line or option gives: ISO 8601 text in the host's date format
 // ("2026-11-22T09:00:00Z", "...+01:00", fractional seconds allowed) or a number of milliseconds
-// since the Unix epoch. Nothing for any other value (a boolean, unreadable text, a number beyond
-// the years 1678-2261 that the clock can hold).
+// since the Unix epoch. Nothing for any other value (a boolean, unreadable text, a number of
+// milliseconds outside the years 0001 to 9999).
 std::optional<KLTTimePoint> readInstant(const KLTValue& value);
 
 // The instant as ISO 8601 local time in the zone, with its offset: "2026-11-22T10:00:30+01:00",

@@ -1,0 +1,25 @@
+// Fuzz target: event-stream lines as `kltce run` reads them, and the instants they carry.
+//
+// Input: one line (any bytes). A line read as usable with a time must format and read back to the
+// same instant to the millisecond.
+#include <cstdint>
+#include <cstdlib>
+
+#include "fuzz/fuzz_input.h"
+#include "tools/kltce/stream_line.h"
+#include "tools/kltce/time_text.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kltce_fuzz::silenceLog();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  const kltce::LineResult r = kltce::parseStreamLine(kltce_fuzz::asText(data, size));
+  if (!r.line || !r.line->time) return 0;
+  static const auto utc = KLTTimeZone::fixedOffset(0);
+  const KLTTimePoint t = std::chrono::floor<std::chrono::milliseconds>(*r.line->time);
+  const auto back = kltce::readInstant(KLTValue(kltce::formatInstant(t, *utc)));
+  if (!back || *back != t) std::abort();
+  return 0;
+}
