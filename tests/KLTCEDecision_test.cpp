@@ -1,6 +1,6 @@
 // Decision records: one scripted day of campaigns yields every kind of record with the values the
-// engine compared; and the same script with and without an observer gives the same dispatches and
-// the same log lines.
+// engine compared. (That an observer changes no dispatch and no log line, and that sequence numbers
+// rise, is checked by running every runtime scenario with one installed.)
 #include "KLTContextEvaluator/KLTCEDecision.h"
 
 #include <gtest/gtest.h>
@@ -97,27 +97,6 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
     }
     EXPECT_TRUE(found);
   }
-  for (std::size_t i = 1; i < recorder->records.size(); ++i) {
-    EXPECT_GT(recorder->records[i].sequence, recorder->records[i - 1].sequence);
-  }
-}
-
-TEST(KLTCEDecision, ObserverChangesNoDispatchAndNoLogLine) {
-  std::vector<std::string> logs[2];
-  std::vector<std::string> dispatches[2];
-  KLTContextEvaluator::sharedInstance();  // its start-up line is logged once, before both runs
-  for (int observed = 0; observed < 2; ++observed) {
-    KLTTestHost host{0};
-    if (observed) KLTContextEvaluator::sharedInstance().setDecisionObserver(std::make_shared<Recorder>());
-    runScript(host);
-    KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
-    host.drainEvaluatorQueue();
-    logs[observed] = host.log().lines();
-    for (const auto& d : host.dispatched()) dispatches[observed].push_back(d.className + d.info.dump() + std::to_string(d.atMillis));
-  }
-  EXPECT_FALSE(dispatches[0].empty());
-  EXPECT_EQ(dispatches[0], dispatches[1]);
-  EXPECT_EQ(logs[0], logs[1]);
 }
 
 }  // namespace

@@ -49,8 +49,6 @@ TEST(KLTController, DeliversOncePerRegistrationAndLetsListenersRegister) {
   EXPECT_EQ(controller.registrationCount(), 5u);
 }
 
-// Readers on several threads see whole attribute sets while a writer replaces them, the user
-// and session objects themselves, and the registry (checked by ThreadSanitizer as well).
 // Identifiers are routed by their code and name: only an exact "<code>___<name>" is ever reached.
 TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
   struct Row {
@@ -75,6 +73,9 @@ TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
   }
 }
 
+// Readers on several threads see whole attribute sets while a writer replaces them and the user
+// and session objects themselves (checked by ThreadSanitizer as well). The registry used from
+// several threads at once is exercised by the runtime concurrency test.
 TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
   KLTController controller;
   constexpr int kRounds = 2000;
@@ -91,7 +92,6 @@ TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
         controller.setUser(fresh);
         controller.setSession(nullptr);
       }
-      controller.registerIdentifer("4___e" + std::to_string(i % 10), std::make_shared<CountingListener>());
     }
     done = true;
   });
@@ -103,14 +103,12 @@ TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
     readers.emplace_back([&] {
       do {  // at least one round, however fast the writer is
         if (!consistent(*controller.user()->userAttributes()) || !consistent(*controller.user()->customInfo())) ++torn;
-        controller.deliverEvent(KLTEvent::make(4, "e3"));
       } while (!done);
     });
   }
   writer.join();
   for (auto& t : readers) t.join();
   EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(controller.registrationCount(), static_cast<std::size_t>(kRounds));
 }
 
 }  // namespace
