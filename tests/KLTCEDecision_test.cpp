@@ -1,6 +1,6 @@
 // Decision records: one scripted day of campaigns yields every kind of record with the values the
-// engine compared; and the same script with and without an observer gives the same dispatches and
-// the same log lines.
+// engine compared. (That an observer changes no dispatch and no log line, and that sequence numbers
+// rise, is checked by running every runtime scenario with one installed.)
 #include "KLTContextEvaluator/KLTCEDecision.h"
 
 #include <gtest/gtest.h>
@@ -37,21 +37,18 @@ KLTValue with(KLTValue c, const char* key, KLTValue v) {
   return c;
 }
 
-// 2026-01-01 from 07:00Z: a window campaign refused at 07:00, then a capped one, a timer, rejections.
+// 2026-01-01 from 07:00Z: a window campaign refused at 07:00, then a capped one, a timer, rejections
+// by app version and by validity dates (one per kind of record; the other audience steps give the
+// same record with other values).
 void runScript(KLTTestHost& host) {
   auto& evaluator = KLTContextEvaluator::sharedInstance();
   const KLTValue go = KLTValue::array({eventCondition("app_event", "go", "GTE", 1)});
-  const KLTValue rule{{"name", "tier"}, {"value", KLTValue::array({"gold"})}, {"operator", "EQ"}};
-  const KLTValue audience{{"attributes", {{"user", KLTValue::array({rule})}, {"session", KLTValue::array()}}}};
-  host.controller().user()->setUserAttribute("tier", "silver");
   host.clock().setNow(KLTTimePoint(std::chrono::hours(491'023)));  // 2026-01-06T07:00Z
   evaluator.parseConfiguration(document(
       {with(campaign("capped", go), "frequency", {{"count", 1}}),
        with(with(campaign("windowed", go), "time_limits_in_day", true), "time_limits", {{"start_time", "09:00"}, {"end_time", "17:30"}}),
        with(campaign("timed", KLTValue::array({timerCondition("activity_time", 2500)})), "sequence_enabled", true),
        with(campaign("old_app", go), "audience", {{"ver", {{"val", "3.2"}, {"op", "GTE"}}}}),
-       with(campaign("ipad", go), "audience", {{"hw", {{"val", "iPad8,1"}}}}),
-       with(campaign("gold", go), "audience", audience),
        with(campaign("expired", go), "validity", {{"start_date", "2025-01-01T00:00:00Z"}, {"end_date", "2025-12-31T00:00:00Z"}})}));
   host.drainEvaluatorQueue();
   host.deliver(kKLTEventCodeApp, "go");
@@ -78,7 +75,6 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
   const Expected rows[] = {
       {K::Admitted, "capped", {{"priority", 1}}},
       {K::ItemBuilt, "windowed", {{"mode", "combined"}, {"window", {{"start", "09:00"}, {"end", "17:30"}}}}},
-      {K::ItemBuilt, "timed", {{"mode", "sequence"}}},
       {K::TriggerFired, "capped", {{"trigger", "app_start"}}},
       {K::ConditionArmed, "capped", {{"listener", "4___go"}}},
       {K::ConditionArmed, "timed", {{"event_type", "activity_time"}, {"timer_seconds", 2}}},
@@ -87,12 +83,9 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
       {K::FoldEvaluated, "capped", {{"flags", {true}}, {"result", true}}},
       {K::WindowClosed, "windowed", {{"local_time", "07:00"}, {"start", "09:00"}, {"end", "17:30"}}},
       {K::Dispatched, "capped", {{"class", "KLTInAppEvent"}, {"info", {{"id", "capped"}, {"type", "IN_APP"}}}}},
-      {K::Dispatched, "timed", {{"class", "KLTInAppEvent"}}},
       {K::DisplayCounted, "capped", {{"record", {{"limit", 1}, {"count", 1}}}}},
       {K::CapBlocked, "capped", {{"counter", "count"}, {"value", 1}, {"limit_key", "limit"}, {"limit", 1}}},
       {K::Rejected, "old_app", {{"step", "version"}, {"app_version", "1.0"}, {"operator", "GTE"}, {"wanted", "3.2"}}},
-      {K::Rejected, "ipad", {{"step", "hardware"}, {"hw_val", "iPad8,1"}, {"device_model", "iPhone14,2"}}},
-      {K::Rejected, "gold", {{"step", "user_attributes"}, {"host_value", "silver"}}},
       {K::Rejected, "expired", {{"step", "validity_dates"}, {"end_date", "2025-12-31T00:00:00Z"}}},
   };
   for (const Expected& row : rows) {
@@ -104,27 +97,6 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
     }
     EXPECT_TRUE(found);
   }
-  for (std::size_t i = 1; i < recorder->records.size(); ++i) {
-    EXPECT_GT(recorder->records[i].sequence, recorder->records[i - 1].sequence);
-  }
-}
-
-TEST(KLTCEDecision, ObserverChangesNoDispatchAndNoLogLine) {
-  std::vector<std::string> logs[2];
-  std::vector<std::string> dispatches[2];
-  KLTContextEvaluator::sharedInstance();  // its start-up line is logged once, before both runs
-  for (int observed = 0; observed < 2; ++observed) {
-    KLTTestHost host{0};
-    if (observed) KLTContextEvaluator::sharedInstance().setDecisionObserver(std::make_shared<Recorder>());
-    runScript(host);
-    KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
-    host.drainEvaluatorQueue();
-    logs[observed] = host.log().lines();
-    for (const auto& d : host.dispatched()) dispatches[observed].push_back(d.className + d.info.dump() + std::to_string(d.atMillis));
-  }
-  EXPECT_FALSE(dispatches[0].empty());
-  EXPECT_EQ(dispatches[0], dispatches[1]);
-  EXPECT_EQ(logs[0], logs[1]);
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 
 #include <atomic>
 #include <climits>
-#include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,14 +16,8 @@ namespace {
 // Hosts call listeners from any thread, several at once: the listener guards what it keeps.
 class CountingListener final : public KLTEventListener {
  public:
-  void onEvent(std::shared_ptr<const KLTEvent> event) override {
-    ++count;
-    std::lock_guard lock(mutex);
-    last = std::move(event);
-  }
+  void onEvent(std::shared_ptr<const KLTEvent>) override { ++count; }
   std::atomic<int> count{0};
-  std::mutex mutex;
-  std::shared_ptr<const KLTEvent> last;
 };
 
 // Registers another listener while being called: delivery must not hold the registry's lock then.
@@ -36,58 +28,27 @@ class RegisteringListener final : public KLTEventListener {
   KLTController& controller;
 };
 
-TEST(KLTController, DeliversByIdentifierAndByCode) {
-  EXPECT_EQ(KLTController::listenerIdentifier(4, KLTValue()), "4___(null)");
-  EXPECT_EQ(KLTController::listenerIdentifier(ULONG_MAX, 3.0), "18446744073709551615___3");
+// Delivery by identifier and by code is what every runtime scenario rests on; here are the edges:
+// one delivery per registration (the same listener twice under one key counts once, under a key and
+// a code twice), and a listener that registers another while it is being called.
+TEST(KLTController, DeliversOncePerRegistrationAndLetsListenersRegister) {
   KLTController controller;
-  std::map<std::string, std::shared_ptr<CountingListener>> l;
-  for (const char* name : {"byId", "byCode", "otherCode", "twiceSameKey", "idAndCode"}) {
-    l[name] = std::make_shared<CountingListener>();
-  }
-  controller.registerIdentifer("4___purchase", l["byId"]);
-  controller.registerForEventWithType(4, l["byCode"]);
-  controller.registerIdentifer("5___purchase", l["otherCode"]);
-  controller.registerIdentifer("4___purchase", l["twiceSameKey"]);
-  controller.registerIdentifer("4___purchase", l["twiceSameKey"]);
-  controller.registerIdentifer("4___purchase", l["idAndCode"]);
-  controller.registerForEventWithType(4, l["idAndCode"]);
+  auto twiceSameKey = std::make_shared<CountingListener>(), idAndCode = std::make_shared<CountingListener>();
+  controller.registerIdentifer("4___purchase", twiceSameKey);
+  controller.registerIdentifer("4___purchase", twiceSameKey);
+  controller.registerIdentifer("4___purchase", idAndCode);
+  controller.registerForEventWithType(4, idAndCode);
   controller.registerIdentifer("4___purchase", nullptr);  // ignored
-  EXPECT_EQ(controller.registrationCount(), 6u);
-  struct Row {
-    unsigned long code;
-    std::string name;
-    std::size_t deliveries;
-    std::map<std::string, int> received;
-  };
-  const std::vector<Row> rows = {
-      {4, "purchase", 5, {{"byId", 1}, {"byCode", 1}, {"twiceSameKey", 1}, {"idAndCode", 2}}},
-      {5, "purchase", 1, {{"otherCode", 1}}},
-      {4, "Purchase", 2, {{"byCode", 1}, {"idAndCode", 1}}},  // identifiers match exactly
-      {3, "", 0, {}},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::to_string(r.code) + "___" + r.name);
-    std::map<std::string, int> before;
-    for (const auto& [name, listener] : l) before[name] = listener->count;
-    const auto event = KLTEvent::make(r.code, r.name, KLTValue::object({{"k", 1}}));
-    EXPECT_EQ(controller.deliverEvent(event), r.deliveries);
-    for (const auto& [name, listener] : l) {
-      const int got = listener->count - before[name];
-      EXPECT_EQ(got, r.received.contains(name) ? r.received.at(name) : 0) << name;
-      if (got > 0) {
-        EXPECT_EQ(listener->last, event) << name << " gets the event object itself";
-      }
-    }
-  }
+  EXPECT_EQ(controller.registrationCount(), 3u);
+  EXPECT_EQ(controller.deliverEvent(KLTEvent::make(4, "purchase", KLTValue::object({{"k", 1}}))), 3u);
+  EXPECT_EQ(twiceSameKey->count, 1);
+  EXPECT_EQ(idAndCode->count, 2);
+  EXPECT_EQ(controller.deliverEvent(KLTEvent::make(4, "Purchase")), 1u) << "identifiers match exactly; the code still does";
   controller.registerForEventWithType(9, std::make_shared<RegisteringListener>(controller));
   EXPECT_EQ(controller.deliverEvent(KLTEvent::make(9, "go")), 1u) << "the list taken at delivery start is used";
-  EXPECT_EQ(controller.registrationCount(), 8u);
-  controller.removeAllListeners();
-  EXPECT_EQ(controller.deliverEvent(KLTEvent::make(4, "purchase")), 0u);
+  EXPECT_EQ(controller.registrationCount(), 5u);
 }
 
-// Readers on several threads see whole attribute sets while a writer replaces them, the user
-// and session objects themselves, and the registry (checked by ThreadSanitizer as well).
 // Identifiers are routed by their code and name: only an exact "<code>___<name>" is ever reached.
 TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
   struct Row {
@@ -112,6 +73,9 @@ TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
   }
 }
 
+// Readers on several threads see whole attribute sets while a writer replaces them and the user
+// and session objects themselves (checked by ThreadSanitizer as well). The registry used from
+// several threads at once is exercised by the runtime concurrency test.
 TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
   KLTController controller;
   constexpr int kRounds = 2000;
@@ -128,7 +92,6 @@ TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
         controller.setUser(fresh);
         controller.setSession(nullptr);
       }
-      controller.registerIdentifer("4___e" + std::to_string(i % 10), std::make_shared<CountingListener>());
     }
     done = true;
   });
@@ -140,14 +103,12 @@ TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
     readers.emplace_back([&] {
       do {  // at least one round, however fast the writer is
         if (!consistent(*controller.user()->userAttributes()) || !consistent(*controller.user()->customInfo())) ++torn;
-        controller.deliverEvent(KLTEvent::make(4, "e3"));
       } while (!done);
     });
   }
   writer.join();
   for (auto& t : readers) t.join();
   EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(controller.registrationCount(), static_cast<std::size_t>(kRounds));
 }
 
 }  // namespace

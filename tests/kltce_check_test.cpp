@@ -70,12 +70,8 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
   const Row rows[] = {
       {"misspelt key", [](KLTValue& c) { c["validty"] = c["validity"]; c["validity"] = {{"start_date", "2026-01-01T00:00:00Z"}, {"end_date", "2027-01-01T00:00:00Z"}}; },
        "/configs/0/validty", "warning", "unknown key \"validty\": the engine ignores it (did you mean \"validity\"?)", true},
-      {"unknown key", [](KLTValue& c) { c["audience"]["colour"] = "red"; }, "/configs/0/audience/colour", "warning",
-       "unknown key \"colour\": the engine ignores it", true},
       {"cap as text", [](KLTValue& c) { c["frequency"]["count"] = "two"; }, "/configs/0/frequency/count", "warning",
        "cap count \"two\" is not a whole number: it reads as 0, which means no cap at all", true},
-      {"cap as numeric text", [](KLTValue& c) { c["frequency"]["day_lmt"] = "2"; }, "/configs/0/frequency/day_lmt", "info",
-       "cap day_lmt is written as text; it reads as 2", true},
       {"prio as a word", [](KLTValue& c) { c["prio"] = "high"; }, "/configs/0/prio", "warning",
        "prio \"high\" is not a whole number: it reads as 0 (a campaign without prio ranks 1)", true},
       {"window 9am", [](KLTValue& c) { c["time_limits"]["start_time"] = "9am"; }, "/configs/0/time_limits/start_time", "warning",
@@ -84,9 +80,6 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
        "\"25:00\" is not a time of day HH:MM: it reads as 25:00, after every time of day", true},
       {"window always open", [](KLTValue& c) { c["time_limits"] = {{"start_time", "0"}, {"end_time", "24:00"}}; },
        "/configs/0/time_limits", "warning", "the daily window \"0\" to \"24:00\" reads as always open: it restricts nothing", true, 2},
-      {"window never opens", [](KLTValue& c) { c["time_limits"]["start_time"] = "23:00"; }, "/configs/0/time_limits", "error",
-       "the daily window \"23:00\" to \"22:00\" never opens: no time of day is at or after its start and before its end (a window "
-       "does not run over midnight)", false},
       {"duplicate _id", [](KLTValue&) {}, "/configs/1/_id", "warning",
        "_id \"c1\" repeats configs[0]'s: the engine keeps one campaign per _id (the later replaces the earlier when both are "
        "admitted) and both share one set of counters", false},
@@ -99,14 +92,6 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
        "Invalid trigger details additional info format: additional_info must be an object (it may be empty)", true},
       {"end before start", [](KLTValue& c) { c["validity"]["end_date"] = "2025-01-01T00:00:00Z"; }, "/configs/0/validity/end_date", "error",
        "Config doesn't fall in between dates: end_date \"2025-01-01T00:00:00Z\" is before start_date \"2026-01-01T00:00:00Z\", so no moment is within them", false},
-      {"unreadable date", [](KLTValue& c) { c["validity"]["start_date"] = "2026-01-01"; }, "/configs/0/validity/start_date", "error",
-       "Config doesn't fall in between dates: start_date \"2026-01-01\" is not an ISO 8601 date with an offset, so the campaign is never admitted", true},
-      {"unknown message kind", [](KLTValue& c) { c["meta"]["type"] = "POPUP"; }, "/configs/0/meta/type", "error",
-       "meta.type \"POPUP\" is not IN_APP, SURVEY or IN_LINE: the campaign is never dispatched", true},
-      {"client_event trigger", [&](KLTValue& c) { cond(c)["trigger"]["event_type"] = "client_event"; }, "/configs/0/conditions/0/trigger/event_type",
-       "error", "a trigger never fires on client_event (triggers know app_event, activity_event and app_start): the condition is never armed", true},
-      {"negative timer", [&](KLTValue& c) { timer(c, -5000); }, "/configs/0/conditions/0/details/additional_info/time", "error",
-       "time -5000 ms is negative: once armed, the timer never ends and blocks the engine's queue for good (no later event is handled, nothing else is dispatched)", true},
       {"clamped timer", [&](KLTValue& c) { timer(c, 1.2e21); }, "/configs/0/conditions/0/details/additional_info/time", "error",
        "time 1.2e+21 ms is too large to read and is clamped: once armed, the timer never ends and blocks the engine's queue for good (no later event is handled, nothing else is dispatched)", true},
       {"timer past the validity", [&](KLTValue& c) { timer(c, int64_t{31536001000}); }, "/configs/0/conditions/0/details/additional_info/time", "error",
@@ -118,10 +103,6 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
       {"text long enough to overflow a regex matcher", [](KLTValue& c) { c["time_limits"]["start_time"] = std::string(300000, '0'); },
        "/configs/0/time_limits/start_time", "warning",
        '"' + std::string(119, '0') + "... (300002 bytes) is not a time of day HH:MM: it reads as 00:00", true},
-      {"other device", [](KLTValue& c) { c["audience"]["hw"] = {{"val", "iPad13,1"}}; }, "/configs/0/audience/hw/val", "info",
-       "Hardware Model check failed: device \"iPhone14,2\" is not \"iPad13,1\"", false},
-      {"older app", [](KLTValue& c) { c["audience"]["ver"] = {{"val", 3}, {"op", "GT"}}; }, "/configs/0/audience/ver", "info",
-       "Version check failed: app 1.0 is not GT 3", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.note);
@@ -146,10 +127,7 @@ TEST(KltceCheck, RejectionsForThisProfileAreErrorsOnlyWhenRequired) {
   document["configs"][0]["audience"]["ver"] = {{"val", "3.0"}, {"op", "GTE"}};
   document["configs"][0]["audience"]["hw"] = {{"val", "iPad13,1"}};
   auto options = optionsFor(document);
-  const auto lenient = check(options);
-  EXPECT_EQ(lenient.rc, 0);
-  EXPECT_EQ(lenient.report["campaigns"][0]["reason"], "Hardware Model check failed");
-  EXPECT_EQ(lenient.report["campaigns"][0]["findings"].size(), 2u);  // both reasons at once
+  EXPECT_EQ(check(options).rc, 0);  // the rejection findings themselves are in flawed.expected.json
   options.requireAdmitted = true;
   const auto strict = check(options);
   EXPECT_EQ(strict.rc, 1);
