@@ -75,7 +75,6 @@ TEST(KLTValue, IntegerReadings) {
     EXPECT_EQ(klt::integerValue(r.value), r.i64);
     EXPECT_EQ(klt::int32Value(r.value), r.i32);
     if (klt::isString(r.value)) {
-      EXPECT_EQ(klt::parseInteger(r.value.get<std::string>()), r.i64);
       EXPECT_EQ(klt::parseInt32(r.value.get<std::string>()), r.i32);
     }
   }
