@@ -73,42 +73,4 @@ TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
   }
 }
 
-// Readers on several threads see whole attribute sets while a writer replaces them and the user
-// and session objects themselves (checked by ThreadSanitizer as well). The registry used from
-// several threads at once is exercised by the runtime concurrency test.
-TEST(KLTController, AttributesReadableFromOtherThreadsWhileBeingReplaced) {
-  KLTController controller;
-  constexpr int kRounds = 2000;
-  std::atomic<bool> done{false};
-  std::atomic<int> torn{0};
-  std::thread writer([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      const KLTValue set = KLTValue::object({{"n", i}, {"s", std::to_string(i)}});
-      controller.user()->setUserAttributes(set);
-      controller.user()->setCustomInfo(set);
-      if (i % 100 == 0) {
-        auto fresh = std::make_shared<KLTUser>();
-        fresh->setUserAttributes(set);
-        controller.setUser(fresh);
-        controller.setSession(nullptr);
-      }
-    }
-    done = true;
-  });
-  auto consistent = [](const KLTValue& v) {
-    return v.empty() || std::to_string(klt::integerValue(v["n"])) == *klt::stringPtr(v["s"]);
-  };
-  std::vector<std::thread> readers;
-  for (int r = 0; r < 3; ++r) {
-    readers.emplace_back([&] {
-      do {  // at least one round, however fast the writer is
-        if (!consistent(*controller.user()->userAttributes()) || !consistent(*controller.user()->customInfo())) ++torn;
-      } while (!done);
-    });
-  }
-  writer.join();
-  for (auto& t : readers) t.join();
-  EXPECT_EQ(torn.load(), 0);
-}
-
 }  // namespace

@@ -81,20 +81,4 @@ TEST(KLTSerialQueue, AThrowingTaskIsLoggedAndTheQueueGoesOn) {
   EXPECT_EQ(lines[1].rfind("<KLT ERROR> Task failed -[KLTSerialQueue workerLoop]:", 0), 0u) << lines[1];
 }
 
-TEST(KLTSerialQueue, DestructorRunsTheTasksAlreadyPosted) {
-  auto counter = std::make_shared<int>(0);
-  std::promise<void> gate;
-  std::shared_future<void> opened = gate.get_future().share();
-  auto queue = std::make_unique<KLTThreadSerialQueue>("test.destructor");
-  queue->async([opened] { opened.wait(); });
-  for (int i = 0; i < 200; ++i) queue->async([counter] { ++*counter; });
-  // A task posted by a task while the queue is being destroyed still runs.
-  KLTSerialQueue* raw = queue.get();
-  queue->async([raw, counter] { raw->async([counter] { *counter += 1000; }); });
-  std::thread opener([&] { gate.set_value(); });
-  queue.reset();  // joins the worker: every task above has run afterwards
-  opener.join();
-  EXPECT_EQ(*counter, 1200);
-}
-
 }  // namespace

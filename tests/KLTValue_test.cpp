@@ -80,30 +80,6 @@ TEST(KLTValue, IntegerReadings) {
   }
 }
 
-TEST(KLTValue, DoubleReading) {
-  struct Row {
-    KLTValue value;
-    double expected;
-    const char* note;
-  };
-  const std::vector<Row> rows = {
-      {KLTValue(kU64Max), 18446744073709551615.0, "unsigned max"},
-      {KLTValue(" \t-1.5e2xyz"), -150.0, "white space, exponent, trailing text"},
-      {KLTValue("1e400"), kInf, "overflow reads +inf"},
-      {KLTValue("1E+400"), kInf, "upper-case exponent with a sign"},
-      {KLTValue("123456789.5e-340"), 0.0, "many integer digits, still underflow"},
-      {KLTValue("0.0001e400"), kInf, "leading fraction zeros, still overflow"},
-      {KLTValue("1e-310"), 1e-310, "subnormal reads as it is"},
-      {KLTValue("+-3"), 0.0, "two signs"},
-      {aDate(), 0.0, "date"},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::string(r.note) + ": " + describe(r.value));
-    EXPECT_EQ(klt::doubleValue(r.value), r.expected);
-  }
-  EXPECT_TRUE(std::isnan(klt::doubleValue(KLTValue(kNaN))));
-}
-
 TEST(KLTValue, TruthReading) {
   struct Row {
     KLTValue value;

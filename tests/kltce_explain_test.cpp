@@ -93,15 +93,4 @@ TEST(KltceExplain, FurthestPointOfEveryCampaign) {
   }
 }
 
-TEST(KltceExplain, DisplayTableAlignsColumns) {
-  std::ostringstream out;
-  bool started = false;
-  kltce::writeDisplayRow(out, {{"time", "2026-11-22T09:01:00Z"}, {"class", "KLTInAppEvent"}, {"info", {{"id", "w"}, {"type", "IN_APP"}}}, {"line", 3}}, started);
-  kltce::writeDisplayRow(out, {{"time", "2026-11-22T09:05:30Z"}, {"class", "KLTSurveyEvent"}, {"info", {{"id", "s"}}}, {"line", 12}}, started);
-  EXPECT_EQ(out.str(),
-            " LINE  TIME                       CLASS           ID                INFO\n"
-            "    3  2026-11-22T09:01:00Z       KLTInAppEvent   w                 {\"type\":\"IN_APP\"}\n"
-            "   12  2026-11-22T09:05:30Z       KLTSurveyEvent  s\n");
-}
-
 }  // namespace

@@ -141,15 +141,6 @@ TEST(KltceReplay, RunsAcrossTheWholeRangeOfDates) {
   }
 }
 
-TEST(KltceReplay, ResetForgetsTheCampaignsOfEarlierRuns) {
-  replay(optionsFor(kData / "campaigns.json", kData / "profile.json"), tap("2026-11-22T09:00:00Z"));
-  KLTContextEvaluator& evaluator = KLTContextEvaluator::sharedInstance();
-  ASSERT_TRUE(evaluator.ceOpsSerialQueue()->waitUntilIdle() && !evaluator.configurationIdentifiers().empty());
-  ASSERT_TRUE(evaluator.resetForTesting());
-  EXPECT_TRUE(evaluator.configurationIdentifiers().empty());
-  EXPECT_EQ(KLTController::sharedController().registrationCount(), 0u);
-}
-
 TEST(KltceReplay, CountersThatCannotBeSavedEndTheRunWithItsOwnStatus) {
   // Every write failing: one line and status 5; one failed save made good by the last: status 0.
   for (const auto& [failedWrites, exitCode] : {std::pair{1000, kltce::kExitUnsaved}, std::pair{1, kltce::kExitOk}}) {
@@ -165,19 +156,6 @@ TEST(KltceReplay, CountersThatCannotBeSavedEndTheRunWithItsOwnStatus) {
     EXPECT_EQ(o.err.find("could not be saved to '" + options.statePath.string() + "'") != std::string::npos,
               exitCode == kltce::kExitUnsaved) << o.err;
   }
-}
-
-TEST(KltceReplay, LongReplaysShowProgress) {
-  auto options = optionsFor(kData / "campaigns.json", kData / "profile.json");
-  auto fake = std::make_shared<std::chrono::steady_clock::time_point>();
-  options.realNow = [fake] { return *fake += std::chrono::seconds(1); };  // each look costs a second
-  std::string stream;
-  for (int i = 0; i < 3000; ++i) stream += R"({"type":"presence"})" "\n";
-  options.progress = true;
-  const Outcome shown = replay(options, stream);
-  EXPECT_NE(shown.err.find("\rkltce: 1024 lines, 1024 events, 0 displays"), std::string::npos) << shown.err;
-  options.progress = false;
-  EXPECT_EQ(replay(options, stream).err, "") << "no progress when standard error is not a terminal";
 }
 
 }  // namespace
