@@ -55,7 +55,10 @@ KLTValue untagged(const KLTValue& v) {
   }
   if (!v.is_object()) return v;
   if (looksTagged(v)) {
-    const auto& [tag, inner] = *v.items().begin();
+    // Plain iterators: a structured binding over items() would outlive the proxy it points into.
+    const auto first = v.begin();
+    const std::string& tag = first.key();
+    const KLTValue& inner = first.value();
     if (tag == kDateTag && inner.is_number_integer()) {
       return makeDate(KLTTimePoint(std::chrono::duration_cast<KLTTimePoint::duration>(
           std::chrono::microseconds(inner.get<int64_t>()))));
