@@ -115,3 +115,10 @@ void KLTCECondition::handleEvent(const KLTEvent& event) {
       break;
   }
 }
+
+// Placed last so that the source lines of the log sites above stay as they are.
+void KLTCECondition::release() {
+  completionHandler = nullptr;
+  if (_trigger) _trigger->release();
+  timer.reset();
+}

@@ -34,6 +34,10 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
+  // Breaks the cycles through this condition (its callback holds its item, its trigger's callback
+  // holds it), so that dropping the last outside reference frees them. Only once nothing can
+  // deliver to it or fire its timer any more (the engine's reset); on the serial queue.
+  void release();
   // Clears the idle flag and stops the stored timer.
   void cancelIdleTimeTimer();
   // The timer's action: satisfied, and the completion callback.

@@ -132,3 +132,11 @@ void KLTCEConfigItem::dispatchEventWithType(const KLTValue& type) {
   KLTCEDecisions::dispatched(*this, *event);
   KLTController::sharedController().dispatchEvent(std::move(event));
 }
+
+// Placed last so that the source lines of the log sites above stay as they are.
+void KLTCEConfigItem::release() {
+  for (auto* list : {&_conditions, &sequenceConditions}) {
+    for (const auto& condition : *list) condition->release();
+    list->clear();
+  }
+}

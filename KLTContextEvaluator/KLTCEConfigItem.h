@@ -51,6 +51,10 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
   const KLTValue& meta() const { return _meta; }
   // The display type: the `type` of the meta entry (null when absent).
   const KLTValue& displayType() const;
+  // Releases its conditions (KLTCECondition::release()) and lets go of them, so that the item and
+  // its rule objects are freed with the last outside reference. Only once nothing can deliver to
+  // them any more (the engine's reset); on the serial queue.
+  void release();
 
  private:
   struct Token {};

@@ -73,6 +73,10 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
   const KLTValue& eventType() const { return _eventType; }
   const KLTCEDetails& details() const { return _details; }
   const KLTCETimeBounds& timeBounds() const { return _timeBounds; }
+  // Drops the completion callback, which holds the condition (and so the cycle condition ->
+  // trigger -> condition). Only once nothing can deliver to the trigger any more (the engine's
+  // reset); on the serial queue.
+  void release() { completionHandler = nullptr; }
 
  private:
   struct Token {};

@@ -5,11 +5,14 @@
 
 bool KLTContextEvaluator::resetForTesting(std::chrono::milliseconds timeout) {
   _ceOpsSerialQueue->async([this] {
-    // Kept, not destroyed: conditions and their triggers hold each other for good, and a task
-    // still posted for one of them must find it alive.
+    // Every task posted before this one has run, and once the host's registry forgets the
+    // listeners nothing can reach the rule objects: their cycles can be broken and the objects
+    // freed, so that a process replaying a million devices holds only the present one's.
+    KLTController::sharedController().removeAllListeners();
     for (auto& [id, item] : _configuration) retiredItems.push_back(std::move(item));
     _configuration.clear();
-    KLTController::sharedController().removeAllListeners();
+    for (const auto& item : retiredItems) item->release();
+    retiredItems.clear();
   });
   return _ceOpsSerialQueue->waitUntilIdleFor(timeout);
 }

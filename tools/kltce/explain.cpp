@@ -97,8 +97,8 @@ std::string_view outcomeKindName(OutcomeKind kind) {
   return "unknown";
 }
 
-DecisionTracker::DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace)
-    : zone_(std::move(zone)), trace_(trace) {}
+DecisionTracker::DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account)
+    : zone_(std::move(zone)), trace_(trace), account_(account) {}
 
 void DecisionTracker::setLine(std::size_t line) {
   std::lock_guard lock(mutex_);
@@ -124,6 +124,11 @@ DecisionTracker::Campaign& DecisionTracker::campaign(const std::string& id) {
 }
 
 void DecisionTracker::onDecision(const KLTCEDecision& d) {
+  if (!account_ && !trace_) {
+    std::lock_guard lock(mutex_);
+    apply(campaign(d.campaign), d);
+    return;
+  }
   const KLTTimePoint now = KLTClock::current()->now();
   std::lock_guard lock(mutex_);
   if (trace_) {
@@ -134,6 +139,7 @@ void DecisionTracker::onDecision(const KLTCEDecision& d) {
   }
   Campaign& c = campaign(d.campaign);
   apply(c, d);
+  if (!account_) return;
   if (c.account.size() >= kAccountLines) {
     ++c.accountDropped;
     return;
@@ -306,7 +312,7 @@ std::string DecisionTracker::conditionState(const Campaign& c, std::size_t index
 }
 
 CampaignOutcome DecisionTracker::outcomeOf(const Campaign& c) const {
-  CampaignOutcome out{c.id, OutcomeKind::NotParsed, "", c.fired};
+  CampaignOutcome out{c.id, OutcomeKind::NotParsed, "", c.fired, ""};
   const std::string cap = c.cap ? capText(*c.cap, *zone_) : "";
   if (!c.fired.empty()) {
     out.kind = OutcomeKind::Fired;
@@ -318,6 +324,7 @@ CampaignOutcome DecisionTracker::outcomeOf(const Campaign& c) const {
   }
   if (!c.admitted) {
     out.kind = c.rejection.is_null() ? OutcomeKind::NotParsed : OutcomeKind::Rejected;
+    if (const std::string* step = klt::stringPtr(klt::valueForKey(c.rejection, "step"))) out.reason = *step;
     out.text = c.rejection.is_null() ? "no decision recorded"
                : at(c.rejection, "step") == "validity_dates"
                    ? "rejected: now " + timeText(number(c.rejection, "now")) + " is not within " +
@@ -403,9 +410,16 @@ namespace kltce {
 ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions& decisions, std::istream& events,
                                     std::ostream& out, std::ostream& err, std::ostream& explanation,
                                     std::vector<CampaignOutcome>* outcomes) {
+  TextLineSource lines(events);
+  return runReplayWithDecisions(std::move(options), decisions, lines, out, err, explanation, outcomes);
+}
+
+ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions& decisions, LineSource& lines,
+                                    std::ostream& out, std::ostream& err, std::ostream& explanation,
+                                    std::vector<CampaignOutcome>* outcomes) {
   // The zone the replay will use, so that the explanation's times read like the display lines.
   auto zone = options.zone ? options.zone : options.profile.timeZone ? options.profile.timeZone : KLTTimeZone::system();
-  auto tracker = std::make_shared<DecisionTracker>(zone, decisions.trace);
+  auto tracker = std::make_shared<DecisionTracker>(zone, decisions.trace, decisions.explain);
   auto previous = std::move(options.onLine);
   options.onLine = [tracker, previous](std::size_t number, const StreamLine& line) {
     tracker->setLine(number);
@@ -414,7 +428,7 @@ ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions
   };
   auto& evaluator = KLTContextEvaluator::sharedInstance();
   evaluator.setDecisionObserver(tracker);
-  const ReplayResult result = runReplay(options, events, out, err);
+  const ReplayResult result = runReplay(options, lines, out, err);
   // A queue blocked for good never takes the observer back; the process is about to end then.
   if (!result.queueBlocked) {
     evaluator.setDecisionObserver(nullptr);

@@ -50,6 +50,7 @@ struct CampaignOutcome {
   OutcomeKind kind = OutcomeKind::NotParsed;
   std::string text;                   // "never armed: no app_event 'open_app' in the stream"
   std::vector<std::size_t> firedAtLines;  // stream lines of the dispatches (0: the start-up parse)
+  std::string reason;                 // Rejected: the admission step that failed ("version", "hardware", ...)
 };
 
 class DecisionTracker final : public KLTCEDecisionObserver {
@@ -57,7 +58,9 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   static constexpr std::size_t kAccountLines = 60;
 
   // trace: where JSON lines of the records go (nullptr: none). zone: for the times in texts.
-  DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace);
+  // account: keep each campaign's readable account (writeExplanation); without it only the state
+  // behind outcomes() is kept, which costs far less per decision (a fleet replays millions).
+  DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account = true);
 
   // The stream line now being replayed (0: the start-up parse).
   void setLine(std::size_t line);
@@ -103,6 +106,7 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   mutable std::mutex mutex_;
   std::shared_ptr<const KLTTimeZone> zone_;
   std::ostream* trace_;
+  bool account_;
   std::size_t line_ = 0;
   std::map<std::pair<unsigned long, std::string>, std::size_t> events_;
   std::vector<Campaign> campaigns_;
@@ -115,6 +119,7 @@ namespace kltce {
 
 struct ReplayOptions;
 struct ReplayResult;
+class LineSource;
 
 // What the replay does with the engine's decisions.
 struct DecisionOptions {
@@ -126,6 +131,10 @@ struct DecisionOptions {
 // then, with explain, writes the explanation to `explanation`. The display output on out is the
 // same as runReplay()'s. outcomes: when given, receives every campaign's outcome.
 ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions& decisions, std::istream& events,
+                                    std::ostream& out, std::ostream& err, std::ostream& explanation,
+                                    std::vector<CampaignOutcome>* outcomes = nullptr);
+// The same over lines already read (see LineSource in replay.h).
+ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions& decisions, LineSource& lines,
                                     std::ostream& out, std::ostream& err, std::ostream& explanation,
                                     std::vector<CampaignOutcome>* outcomes = nullptr);
 

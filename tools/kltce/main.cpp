@@ -23,6 +23,7 @@
 #include "tools/kltce/buffered_log.h"
 #include "tools/kltce/check.h"
 #include "tools/kltce/explain.h"
+#include "tools/kltce/fleet_command.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/macros.h"
 #include "tools/kltce/profile.h"
@@ -117,7 +118,28 @@ static int runCommand(int argc, char** argv) {
   auto* stateReset = stateCmd->add_subcommand("reset", "remove every counter");
   for (auto* sub : {stateShow, stateReset}) sub->add_option("--state", statePath, "file of the persisted counters")->required();
 
+  kltce::FleetCommand fleetCommand;
+  auto* fleet = app.add_subcommand("fleet", "replay every device of a fleet file and sum up, per campaign, whom it reached and why not");
+  kltce::addFleetOptions(*fleet, fleetCommand);
+  fleet->footer(kltce::kFleetHelp);
+  auto* fleetMerge = fleet->add_subcommand("merge", "add up the JSON summaries of fleet runs (shards) into one");
+  fleetMerge->add_option("summaries", fleetCommand.mergeFiles, "JSON summaries of `kltce fleet --format json`")->required();
+  fleetMerge->add_option("--format", fleetCommand.format, "table (the default) or json")->check(CLI::IsMember({"table", "json"}));
+
   CLI11_PARSE(app, argc, argv);
+
+  if (fleet->parsed()) {
+    if (fleetMerge->parsed()) return kltce::runFleetMerge(fleetCommand, std::cout, std::cerr);
+    fleetCommand.progress = ::isatty(STDERR_FILENO) == 1;
+    const int code = kltce::runFleetCommand(fleetCommand, std::cout, std::cerr);
+    // A queue held for good by a timer that never ends: ending normally could wait for it.
+    if (code == kltce::kExitBlocked) {
+      std::cout.flush();
+      std::cerr.flush();
+      std::_Exit(code);
+    }
+    return code;
+  }
 
   if (stateCmd->parsed()) {
     return stateShow->parsed() ? kltce::runStateShow(statePath, std::cout, std::cerr)

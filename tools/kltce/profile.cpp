@@ -74,7 +74,10 @@ ProfileResult parseProfile(const KLTValue& document) {
 }
 
 void applyProfile(const Profile& profile) {
-  if (profile.deviceModel) KLTUtilities::setDeviceName(*profile.deviceModel);
+  // A profile without a model gets the host's own, as in a fresh process, not the model of a
+  // device replayed before it (kltce fleet). Read before any profile set one.
+  static const std::string hostModel = KLTUtilities::deviceName();
+  KLTUtilities::setDeviceName(profile.deviceModel ? *profile.deviceModel : hostModel);
   KLTUtilities::setFirstSession(profile.firstSession);
   KLTBundle::setShortVersionString(profile.appVersion);
   auto user = std::make_shared<KLTUser>();

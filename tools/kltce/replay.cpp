@@ -233,6 +233,10 @@ class Replay {
     std::vector<Display> displays = host_.takeDisplays();
     if (displays.empty()) return true;
     for (const auto& d : displays) {
+      if (options_.onDisplay) {
+        options_.onDisplay(d.time, d.info, d.line);
+        continue;
+      }
       KLTValue line = KLTValue::object();
       line["time"] = formatInstant(d.time, *zone_);
       line["class"] = d.className;
@@ -398,7 +402,7 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
   return std::make_shared<KLTUserDefaults>(path);
 }
 
-ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::ostream& out, std::ostream& err) {
+ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ostream& out, std::ostream& err) {
   ReplayResult failed;
   failed.exitCode = kExitUsage;
   if (!options.document.is_object()) {
@@ -418,12 +422,10 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
 
   // The first non-blank line gives the start time unless --start does.
   std::size_t number = 0;
-  std::string text;
+  LineResult parsed;
   std::optional<std::size_t> first;
   std::optional<LineResult> firstParsed;
-  while (std::getline(events, text)) {
-    ++number;
-    LineResult parsed = parseStreamLine(text);
+  while (lines.next(number, parsed)) {
     if (!parsed.line && parsed.error.empty()) continue;  // blank
     first = number;
     firstParsed = std::move(parsed);
@@ -442,11 +444,8 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
   Replay replay(options, host, out, err);
   bool going = replay.startUp();
   if (going && first) going = replay.line(*first, std::move(*firstParsed));
-  while (going && std::getline(events, text)) {
-    ++number;
-    going = replay.line(number, parseStreamLine(text));
-  }
-  if (events.bad() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
+  while (going && lines.next(number, parsed)) going = replay.line(number, std::move(parsed));
+  if (lines.failed() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
   replay.finish();
   replay.result.lines = number;
   // The engine logs each save that fails and goes on with the counters in memory. Once it is idle,
@@ -458,6 +457,18 @@ ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::
     if (replay.result.exitCode == kExitOk) replay.result.exitCode = kExitUnsaved;
   }
   return replay.result;
+}
+
+bool TextLineSource::next(std::size_t& number, LineResult& line) {
+  if (!std::getline(in_, text_)) return false;
+  number = ++read_;
+  line = parseStreamLine(text_);
+  return true;
+}
+
+ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::ostream& out, std::ostream& err) {
+  TextLineSource lines(events);
+  return runReplay(options, lines, out, err);
 }
 
 }  // namespace kltce

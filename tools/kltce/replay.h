@@ -27,10 +27,9 @@
 #include "platform/KLTUserDefaults.h"
 #include "platform/KLTValue.h"
 #include "tools/kltce/profile.h"
+#include "tools/kltce/stream_line.h"
 
 namespace kltce {
-
-struct StreamLine;
 
 // How display events are written: one JSON object per line, or an aligned table for people.
 enum class DisplayFormat { Json, Text };
@@ -52,6 +51,31 @@ struct ReplayOptions {
   DisplayFormat format = DisplayFormat::Json;
   // Called with each usable stream line just before it is handled (e.g. to follow decisions).
   std::function<void(std::size_t line, const StreamLine& parsed)> onLine;
+  // When set, receives each display event (its time, info and stream line) in place of out.
+  std::function<void(KLTTimePoint time, const KLTValue& info, std::size_t line)> onDisplay;
+};
+
+// Where a replay takes its stream lines from, one at a time, on the replay's thread.
+class LineSource {
+ public:
+  virtual ~LineSource() = default;
+  // The next line (blank: neither line nor error) and its number in the stream; false at the end.
+  virtual bool next(std::size_t& number, LineResult& line) = 0;
+  // Whether reading ended on a read error rather than at the end of the stream.
+  virtual bool failed() const { return false; }
+};
+
+// The lines of a text stream, numbered from 1, each read and parsed when it is reached.
+class TextLineSource final : public LineSource {
+ public:
+  explicit TextLineSource(std::istream& in) : in_(in) {}
+  bool next(std::size_t& number, LineResult& line) override;
+  bool failed() const override { return in_.bad(); }
+
+ private:
+  std::istream& in_;
+  std::string text_;
+  std::size_t read_ = 0;
 };
 
 // Exit codes.
@@ -83,5 +107,7 @@ std::filesystem::path resolveStatePath(const std::optional<std::filesystem::path
 std::shared_ptr<KLTUserDefaults> openStateStore(const std::filesystem::path& path, bool fresh, std::string& error);
 
 ReplayResult runReplay(const ReplayOptions& options, std::istream& events, std::ostream& out, std::ostream& err);
+// The same replay over lines already read (a fleet reads each device's lines from its own file).
+ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ostream& out, std::ostream& err);
 
 }  // namespace kltce

@@ -117,7 +117,10 @@ LineResult parseStreamLine(std::string_view text) {
   if (isBlank(text)) return {};
   JsonResult json = parseJson(text);
   if (!json.ok()) return fail((json.tooDeep ? "refused: " : "not valid JSON: ") + json.error);
-  const KLTValue& object = json.value;
+  return streamLineFromObject(json.value);
+}
+
+LineResult streamLineFromObject(const KLTValue& object) {
   if (!object.is_object()) return fail("a line must be a JSON object, not " + std::string(object.type_name()));
   StreamLine line;
   if (const KLTValue& t = klt::valueForKey(object, "t"); !t.is_null()) {

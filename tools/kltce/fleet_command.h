@@ -1,0 +1,64 @@
+// The `kltce fleet` and `kltce fleet merge` commands over replayFleet() (fleet.h): their options,
+// the worker processes of one machine, the partial results they hand back, and the output.
+//
+// Local parallelism: the command forks `--workers` processes (default: one per core) before the
+// engine is first used; each reads the fleet file itself and replays its part of the devices
+// (fleet.h says which); each hands its FleetResult back through a pipe as one JSON text, and the
+// parent merges them. With one worker the fleet is replayed in the command's own process. CSV rows
+// of several workers are gathered per worker (FILE.part<k>, then appended to FILE in worker order).
+// Progress (devices and events, per second) goes to standard error when `progress` is set.
+//
+// Output: the merged FleetSummary as a table (the default) or as JSON; the JSON of a run, of a
+// shard or of a merge can itself be merged, and merging equals replaying the union in one run.
+//
+// Functions here write only to the streams and files they are given; not thread-safe.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/kltce/fleet.h"
+
+namespace kltce {
+
+struct FleetCommand {
+  std::string document, fleet, state, csv;
+  std::string shard = "0/1";
+  std::string format = "table";  // table or json
+  unsigned workers = 0;          // 0: one per core
+  bool autoShown = false;
+  bool progress = false;
+  std::vector<std::string> mergeFiles;
+};
+
+// Adds the replay options (--document, --fleet, --format, --csv, --workers, --shard, --state,
+// --auto-shown) to a command.
+void addFleetOptions(CLI::App& app, FleetCommand& command);
+// The text of `kltce fleet --help`'s footer: the fleet file's form and what the output holds.
+extern const char* const kFleetHelp;
+
+// Reads the document (and --state's counters) and checks the options into `options`; false, with
+// one line on err, when something cannot be used.
+bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostream& err);
+
+// `kltce fleet`: replays the fleet with the command's workers and writes the summary. Returns a
+// kExit* code; kExitBlocked means the engine's queue of this process may be held for good.
+int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream& err);
+// `kltce fleet merge`: adds up the JSON summaries of mergeFiles and writes the sum.
+int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err);
+
+// A worker's result as one JSON text, and back; false (error set) when the text is not one.
+std::string fleetResultText(const FleetResult& result);
+bool fleetResultFromText(std::string_view text, FleetResult& result, std::string& error);
+// The end of a run of several workers: the first error (by fleet line) if any, else the merged
+// summary, written in `format`. Returns the exit code.
+int finishFleet(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
+                std::ostream& err);
+// Appends FILE.part0 .. FILE.part<n-1> to FILE (after the header) and removes them.
+bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err);
+
+}  // namespace kltce

@@ -1,0 +1,146 @@
+#include "tools/kltce/fleet_input.h"
+
+#include <algorithm>
+
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/stream_line.h"
+
+namespace kltce {
+
+namespace {
+
+bool isBlank(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
+}
+
+std::string jsonError(const JsonResult& r) { return (r.tooDeep ? "refused: " : "not valid JSON: ") + r.error; }
+
+}  // namespace
+
+std::optional<std::string_view> leadingDeviceId(std::string_view s) {
+  std::size_t i = 0;
+  const auto space = [&] {
+    while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r')) ++i;
+  };
+  const auto take = [&](std::string_view word) {
+    space();
+    if (s.substr(i, word.size()) != word) return false;
+    i += word.size();
+    return true;
+  };
+  if (!take("{") || !take("\"device\"") || !take(":") || !take("\"")) return std::nullopt;
+  const std::size_t start = i;
+  for (; i < s.size() && s[i] != '"'; ++i) {
+    if (s[i] == '\\' || static_cast<unsigned char>(s[i]) < 0x20) return std::nullopt;
+  }
+  if (i >= s.size() || i == start) return std::nullopt;
+  return s.substr(start, i - start);
+}
+
+FleetReader::FleetReader(std::istream& in) : in_(in) {}
+
+bool FleetReader::fail(std::size_t line, std::string message) {
+  if (error_.empty()) {
+    error_ = std::move(message);
+    errorLine_ = line;
+  }
+  pending_.reset();
+  return false;
+}
+
+bool FleetReader::isProfileLine(const KLTValue& json) {
+  const auto action = json.find("action");
+  return action != json.end() && action->is_string() && action->get_ref<const std::string&>() == "profile";
+}
+
+bool FleetReader::readLine() {
+  while (ok() && std::getline(in_, text_)) {
+    ++number_;
+    if (isBlank(text_)) continue;
+    Line line;
+    line.number = number_;
+    if (const auto id = leadingDeviceId(text_)) {
+      line.device = *id;
+    } else {
+      JsonResult r = parseJson(text_);
+      if (!r.ok()) return fail(number_, jsonError(r) + " (so its device is unknown)");
+      const KLTValue& device = klt::valueForKey(r.value, "device");
+      if (!device.is_string() || device.get_ref<const std::string&>().empty()) {
+        return fail(number_, "a fleet line needs \"device\": the device's id as non-empty text");
+      }
+      line.device = device.get_ref<const std::string&>();
+      line.json = std::move(r.value);
+    }
+    line.text = std::move(text_);
+    pending_ = std::move(line);
+    return true;
+  }
+  return false;
+}
+
+bool FleetReader::nextDevice(const std::function<bool(std::string_view id)>& wanted) {
+  for (;;) {
+    if (!pending_ && !readLine()) return false;
+    if (inDevice_ && pending_->device == device_) {
+      pending_.reset();  // the rest of the device before
+      continue;
+    }
+    Line& first = *pending_;
+    device_ = first.device;
+    profileLine_ = first.number;
+    inDevice_ = true;
+    lines_.read = 0;
+    if (wanted && !wanted(device_)) {
+      pending_.reset();
+      continue;
+    }
+    if (!first.json) {
+      JsonResult r = parseJson(first.text);
+      if (!r.ok()) return fail(first.number, jsonError(r));
+      first.json = std::move(r.value);
+    }
+    if (!isProfileLine(*first.json)) {
+      return fail(first.number, "device '" + device_ +
+                                    "' begins without its profile line: a device's lines must be contiguous, its "
+                                    "profile line ({\"device\": ..., \"action\": \"profile\", ...}) first");
+    }
+    KLTValue profile = std::move(*first.json);
+    profile.erase("device");
+    profile.erase("action");
+    ProfileResult p = parseProfile(profile);
+    if (!p.ok()) return fail(first.number, "device '" + device_ + "': profile: " + p.error);
+    profile_ = std::move(p.profile);
+    pending_.reset();
+    return true;
+  }
+}
+
+bool FleetReader::DeviceLines::next(std::size_t& number, LineResult& line) {
+  FleetReader& r = reader_;
+  if (!r.pending_ && !r.readLine()) return false;
+  if (r.pending_->device != r.device_) return false;  // the next device's first line
+  Line l = std::move(*r.pending_);
+  r.pending_.reset();
+  KLTValue json;
+  if (l.json) {
+    json = std::move(*l.json);
+  } else {
+    JsonResult parsed = parseJson(l.text);
+    if (!parsed.ok()) {
+      number = ++read;
+      line = LineResult{std::nullopt, jsonError(parsed)};
+      return true;
+    }
+    json = std::move(parsed.value);
+  }
+  if (isProfileLine(json)) {
+    return r.fail(l.number, "a second profile line for device '" + r.device_ +
+                                "': a device's lines must be contiguous, its profile line first");
+  }
+  if (json.is_object()) json.erase("device");
+  number = ++read;
+  line = streamLineFromObject(json);
+  return true;
+}
+
+}  // namespace kltce

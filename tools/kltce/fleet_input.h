@@ -1,0 +1,99 @@
+// FleetReader: reads a fleet file, one device at a time, in one pass, holding only the present
+// line (and the next device's first line, read to see where the present device ends).
+//
+// A fleet file is JSON Lines. Every line carries "device" (a non-empty text id). A device's lines
+// are contiguous; the first is its profile line, {"device": "d1", "action": "profile", ...} with
+// the keys of a device profile (profile.h); the lines after it, up to the next device's profile
+// line, are its event stream, each a line of the event stream format (stream_line.h) with
+// "device" added. Blank lines are skipped. A device's stream lines are numbered from 1 (its profile
+// line and blank lines not counted), as in a file of that device's stream alone.
+//
+// Errors stop the reading (ok() false, error() names the fleet file's line): a line that is not
+// JSON or has no usable "device", a device whose first line is not a profile line (its lines are
+// not contiguous, or its profile line is missing), a second profile line for a device, a profile
+// that cannot be used. A stream line that is JSON but not a usable event or action is not an
+// error here: it reaches the replay, which skips it as `kltce run` does.
+//
+// Reading a line whose device is not wanted is cheap when "device" is its first key with a plain
+// text value: the line is then not parsed as JSON (nextDevice() with a selection).
+//
+// Not thread-safe: one owner; the LineSource of lines() is valid while the reader is.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/KLTValue.h"
+#include "tools/kltce/profile.h"
+#include "tools/kltce/replay.h"
+
+namespace kltce {
+
+// The id of the line's device when "device" is the line's first key and its value plain text
+// (no escapes); nothing otherwise (the line must then be parsed to find it).
+std::optional<std::string_view> leadingDeviceId(std::string_view line);
+
+class FleetReader {
+ public:
+  explicit FleetReader(std::istream& in);
+  FleetReader(const FleetReader&) = delete;
+  FleetReader& operator=(const FleetReader&) = delete;
+
+  // Moves to the next device whose id `wanted` accepts (every device when empty), skipping what is
+  // left of the present one and the devices in between. False at the end of the file or on an
+  // error. On true, device() and profile() describe the device and lines() gives its stream.
+  bool nextDevice(const std::function<bool(std::string_view id)>& wanted = {});
+
+  const std::string& device() const { return device_; }
+  const Profile& profile() const { return profile_; }
+  std::size_t profileLine() const { return profileLine_; }
+  // The present device's stream lines; it ends at the next device's first line or on an error.
+  LineSource& lines() { return lines_; }
+  // Stream lines of the present device read so far.
+  std::size_t linesRead() const { return lines_.read; }
+
+  bool ok() const { return error_.empty(); }
+  const std::string& error() const { return error_; }
+  std::size_t errorLine() const { return errorLine_; }
+
+ private:
+  struct Line {
+    std::string text;
+    std::size_t number = 0;
+    std::string device;
+    std::optional<KLTValue> json;  // parsed when the device could not be read without parsing
+  };
+  class DeviceLines final : public LineSource {
+   public:
+    explicit DeviceLines(FleetReader& reader) : reader_(reader) {}
+    bool next(std::size_t& number, LineResult& line) override;
+    bool failed() const override { return reader_.in_.bad(); }
+    std::size_t read = 0;
+
+   private:
+    FleetReader& reader_;
+  };
+
+  // Reads the next non-blank line into pending_ with its device; false at the end or on an error.
+  bool readLine();
+  bool fail(std::size_t line, std::string message);
+  static bool isProfileLine(const KLTValue& json);
+
+  std::istream& in_;
+  std::string text_;
+  std::size_t number_ = 0;
+  std::optional<Line> pending_;  // the next line not yet handed out
+  bool inDevice_ = false;        // pending_ (if any) may still belong to device_
+  std::string device_;
+  Profile profile_;
+  std::size_t profileLine_ = 0;
+  DeviceLines lines_{*this};
+  std::string error_;
+  std::size_t errorLine_ = 0;
+};
+
+}  // namespace kltce
