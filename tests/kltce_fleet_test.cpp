@@ -1,0 +1,159 @@
+// kltce fleet in one process: the fleet file's order rules, fresh devices, mergeable sums.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "tools/kltce/fleet.h"
+#include "tools/kltce/fleet_input.h"
+#include "tools/kltce/json_text.h"
+
+namespace {
+
+using kltce::FleetPart;
+
+// One campaign per audience check, each firing at its first "go" event.
+constexpr const char* kDocument = R"({"configs": [
+  {"_id": "hw", "enabled": true, "audience": {"hw": {"val": "Pixel 7"}, "attributes": {"user": [], "session": []}},
+   "validity": {"start_date": "2026-01-01T00:00:00Z", "end_date": "2027-12-31T23:59:59Z"}, "frequency": {"validity": "OVERALL", "count": 5},
+   "meta": {"type": "IN_APP"}, "conditions": [{"event_type": "app_event", "details": {"name": "go", "additional_info": {}},
+   "time_bounds": {"lower": 0, "upper": 4102444800000}, "count_config": {"count": 2, "operator": "GTE"}, "combine_operator": "AND",
+   "trigger": {"event_type": "app_start", "details": {"additional_info": {}}}}]}]})";
+
+kltce::FleetResult replay(const std::string& fleet, FleetPart shard = {}, FleetPart part = {}) {
+  kltce::FleetOptions options;
+  options.document = kltce::parseJson(kDocument).value;
+  options.shard = shard;
+  options.part = part;
+  std::istringstream in(fleet);
+  return kltce::replayFleet(options, in);
+}
+
+std::string profile(const std::string& id, const std::string& keys = "") {
+  return R"({"device": ")" + id + R"(", "action": "profile")" + keys + "}\n";
+}
+std::string go(const std::string& id, int second) {
+  return R"({"device": ")" + id + R"(", "t": "2026-11-22T09:00:)" + (second < 10 ? "0" : "") + std::to_string(second) +
+         R"(Z", "type": "app", "name": "go"})" + "\n";
+}
+
+TEST(FleetReplay, EachDeviceIsFreshAndOrderErrorsNameTheLine) {
+  const std::string model = R"(, "device_model": "Pixel 7")";
+  struct Row {
+    const char* name;
+    std::string fleet;
+    std::string summary;  // compact JSON of the "hw" campaign, or the error
+  } rows[] = {
+      // The second device has no model: the host's own, not the first device's; its one "go"
+      // must not add to the first device's count.
+      {"model and counts do not carry over", profile("a", model) + go("a", 1) + profile("b") + go("b", 2) + profile("c", model) + go("c", 3) + go("c", 9),
+       R"({"admitted":2,"devices":3,"displays":1,"reached":1,"rejected":{"hardware":1},"first_display_seconds":{"median":6,"p90":6,"counts":{"6":1}},"why_not":{"count_short":1,"rejected":1}})"},
+      {"lines of a device interleaved", profile("a") + profile("b") + go("a", 1), "line 3: device 'a' begins without its profile line"},
+      {"no profile line", go("a", 1), "line 1: device 'a' begins without its profile line"},
+      {"second profile line", profile("a") + go("a", 1) + profile("a"), "line 3: a second profile line for device 'a'"},
+      {"no device", profile("a") + "{\"type\": \"app\", \"name\": \"go\"}\n", "line 2: a fleet line needs \"device\""},
+      {"not JSON", profile("a") + "{\"device\": 1\n", "line 2: not valid JSON"},
+      {"bad profile", profile("a", R"(, "first_session": "no")"), "line 1: device 'a': profile: \"first_session\" must be true or false"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const kltce::FleetResult r = replay(row.fleet);
+    if (r.exitCode == 0) {
+      KLTValue hw = r.summary.toJson()["campaigns"]["hw"];
+      hw.erase("displays_per_reached");
+      EXPECT_EQ(nlohmann::json::parse(row.summary), nlohmann::json::parse(hw.dump()));
+    } else {
+      EXPECT_EQ(kltce::kExitUsage, r.exitCode);
+      EXPECT_EQ(0u, ("line " + std::to_string(r.errorLine) + ": " + r.error).find(row.summary)) << r.error;
+    }
+  }
+}
+
+TEST(FleetReplay, PartsOfTheDevicesAddUpToTheWhole) {
+  std::string fleet;
+  for (int d = 0; d < 24; ++d) {
+    const std::string id = "dev-" + std::to_string(d);
+    fleet += profile(id, d % 2 ? R"(, "device_model": "Pixel 7")" : "") + go(id, d % 7) + go(id, 20 + d);
+  }
+  const std::string whole = replay(fleet).summary.toJson().dump();
+  for (const auto& [shards, workers] : {std::pair<uint64_t, uint64_t>{2, 1}, {3, 2}, {1, 5}}) {
+    SCOPED_TRACE(std::to_string(shards) + " shards x " + std::to_string(workers) + " workers");
+    kltce::FleetSummary sum;
+    uint64_t devices = 0;
+    for (uint64_t s = 0; s < shards; ++s) {
+      for (uint64_t w = 0; w < workers; ++w) {
+        const kltce::FleetSummary part = replay(fleet, {s, shards}, {w, workers}).summary;
+        devices += part.devices();
+        std::string error;
+        sum.merge(*kltce::FleetSummary::fromJson(part.toJson(), error));  // through JSON, as merge reads it
+      }
+    }
+    EXPECT_EQ(24u, devices);
+    EXPECT_EQ(whole, sum.toJson().dump());
+  }
+}
+
+TEST(FleetSummary, QuantilesAreNearestRankOverExactCounts) {
+  struct Row {
+    std::map<int64_t, uint64_t> counts;
+    std::optional<int64_t> median, p90;
+  } rows[] = {
+      {{}, std::nullopt, std::nullopt},
+      {{{7, 1}}, 7, 7},
+      {{{1, 1}, {2, 1}}, 1, 2},
+      {{{1, 5}, {2, 4}, {60, 1}}, 1, 2},
+      {{{1, 5}, {2, 3}, {60, 2}}, 1, 60},
+  };
+  for (const Row& row : rows) {
+    kltce::CampaignTally t;
+    t.firstDisplaySeconds = row.counts;
+    SCOPED_TRACE(row.counts.size());
+    EXPECT_EQ(row.median, t.firstDisplayQuantile(0.5));
+    EXPECT_EQ(row.p90, t.firstDisplayQuantile(0.9));
+  }
+}
+
+TEST(FleetSummary, MergeRefusesWhatIsNotASummary) {
+  const char* rows[] = {
+      R"([])",
+      R"({"devices": -1, "lines": 0, "events": 0, "bad_lines": 0, "campaigns": {}})",
+      R"({"devices": 1, "lines": 0, "events": 0, "bad_lines": 0})",
+      R"({"devices": 1, "lines": 0, "events": 0, "bad_lines": 0, "campaigns": {"x": {"devices": 1, "admitted": 1, "reached": 0,
+          "displays": 0, "rejected": {}, "why_not": {}, "first_display_seconds": {"counts": {"1.5": 1}}}}})",
+      R"({"devices": 1, "lines": 0, "events": 0, "bad_lines": 0, "campaigns": {"x": {"devices": 1, "admitted": 1, "reached": 0,
+          "displays": 0, "rejected": {"v": "1"}, "why_not": {}, "first_display_seconds": {"counts": {}}}}})",
+  };
+  for (const char* row : rows) {
+    SCOPED_TRACE(row);
+    std::string error;
+    EXPECT_FALSE(kltce::FleetSummary::fromJson(KLTValue::parse(row), error));
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+TEST(FleetInput, DeviceIdWithoutParsingOnlyWhenPlain) {
+  const std::pair<const char*, std::optional<std::string_view>> rows[] = {
+      {R"({"device":"d1","t":1})", "d1"},
+      {R"(  { "device" : "a b" })", "a b"},
+      {R"({"t":1,"device":"d1"})", std::nullopt},
+      {R"({"device":"d\"1"})", std::nullopt},
+      {R"({"device":""})", std::nullopt},
+      {R"({"device":"d1)", std::nullopt},
+      {R"({"device":1})", std::nullopt},
+  };
+  for (const auto& [line, id] : rows) EXPECT_EQ(id, kltce::leadingDeviceId(line)) << line;
+}
+
+TEST(FleetInput, ShardsAreReadAsIOfN) {
+  const std::pair<const char*, std::optional<std::pair<uint64_t, uint64_t>>> rows[] = {
+      {"0/1", std::pair<uint64_t, uint64_t>{0, 1}}, {"3/4", std::pair<uint64_t, uint64_t>{3, 4}},
+      {"4/4", std::nullopt}, {"1/0", std::nullopt}, {"1", std::nullopt}, {"-1/2", std::nullopt}, {"1/2x", std::nullopt}};
+  for (const auto& [text, expected] : rows) {
+    const auto p = kltce::parseFleetPart(text);
+    EXPECT_EQ(expected.has_value(), p.has_value()) << text;
+    if (p && expected) {
+      EXPECT_EQ(*expected, std::make_pair(p->index, p->count)) << text;
+    }
+  }
+}
+
+}  // namespace
