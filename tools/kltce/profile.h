@@ -45,8 +45,9 @@ struct ProfileResult {
 // Reads a parsed profile document.
 ProfileResult parseProfile(const KLTValue& document);
 
-// Installs the profile as the host's state: device name, first-session flag, app version, and a new
-// user and session holding its attributes and custom info.
+// Installs the profile as the host's state: device name (without a model: the host's own, as it
+// was before any profile set one), first-session flag, app version, and a new user and session
+// holding its attributes and custom info.
 void applyProfile(const Profile& profile);
 
 }  // namespace kltce

@@ -1,0 +1,127 @@
+// `kltce fleet` on a generated fleet (examples/fleet/fleet_gen.h) with the example document
+// (examples/campaigns.json), beside baselines run in the same process:
+// - events/s of one process replaying 10,000 devices x 100 events, against a bare JSON Lines
+//   parse of the same text (one JSON parse per line, nothing else);
+// - the wall time of two worker processes against one, on the same fleet in a file;
+// - the peak resident memory of a worker (a process of its own, measured by the kernel) for fleets of
+//   1,000, 10,000 and 100,000 devices of 10 events: it must not grow with the fleet.
+// Each case runs once per repetition; run with --benchmark_repetitions=3 for medians and spread.
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "examples/fleet/fleet_gen.h"
+#include "tools/kltce/fleet.h"
+#include "tools/kltce/fleet_command.h"
+#include "tools/kltce/json_text.h"
+
+namespace {
+
+constexpr uint64_t kDevices = 10'000;
+constexpr uint64_t kEvents = 100;
+
+std::string fleetText(uint64_t devices, uint64_t events) {
+  fleetgen::FleetRandom r{42};
+  std::string out;
+  for (uint64_t d = 0; d < devices; ++d) fleetgen::appendDevice(r, d, events, out);
+  return out;
+}
+
+const std::string& fleet() {
+  static const std::string text = fleetText(kDevices, kEvents);
+  return text;
+}
+
+// The fleet in a file, for the worker processes (which read it themselves).
+std::string fleetFile(uint64_t devices, uint64_t events) {
+  const std::string path = (std::filesystem::temp_directory_path() /
+                            ("kltce_fleet_bench_" + std::to_string(devices) + "x" + std::to_string(events) + ".jsonl"))
+                               .string();
+  if (!std::filesystem::exists(path)) std::ofstream(path) << fleetText(devices, events);
+  return path;
+}
+
+const std::string kDocument = KLTCE_SOURCE_DIR "/examples/campaigns.json";
+
+kltce::FleetOptions options() {
+  kltce::FleetOptions o;
+  o.document = kltce::loadJsonFile(kDocument).value;
+  return o;
+}
+
+void BM_Fleet_OneProcess_10kDevicesX100Events(benchmark::State& state) {
+  const kltce::FleetOptions o = options();
+  uint64_t events = 0;
+  for (auto _ : state) {
+    std::istringstream in(fleet());
+    const kltce::FleetResult r = kltce::replayFleet(o, in);
+    if (r.exitCode != 0 || r.summary.devices() != kDevices) state.SkipWithError("fleet failed");
+    events = r.summary.events();
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * events));
+}
+BENCHMARK(BM_Fleet_OneProcess_10kDevicesX100Events)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+void BM_Baseline_JsonLinesParse_10kDevicesX100Events(benchmark::State& state) {
+  for (auto _ : state) {
+    std::istringstream in(fleet());
+    std::string line;
+    std::size_t objects = 0;
+    while (std::getline(in, line)) objects += KLTValue::parse(line, nullptr, false).is_object();
+    benchmark::DoNotOptimize(objects);
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices * kEvents));
+}
+BENCHMARK(BM_Baseline_JsonLinesParse_10kDevicesX100Events)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+// The whole command with 1 (the baseline) or 2 worker processes; its output is dropped.
+void BM_FleetCommand_Workers(benchmark::State& state) {
+  kltce::FleetCommand command;
+  command.document = kDocument;
+  command.fleet = fleetFile(kDevices / 2, kEvents);
+  command.workers = static_cast<unsigned>(state.range(0));
+  command.format = "json";
+  for (auto _ : state) {
+    std::ostringstream out, err;
+    if (kltce::runFleetCommand(command, out, err) != 0) state.SkipWithError(err.str().c_str());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices / 2 * kEvents));
+}
+BENCHMARK(BM_FleetCommand_Workers)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+// Peak RSS (kB) of `kltce fleet --workers 1` replaying N devices x 10 events from a file: a
+// process of its own, started afresh, so that nothing of this one's memory is counted.
+void BM_FleetWorkerPeakMemory(benchmark::State& state) {
+  const std::string path = fleetFile(static_cast<uint64_t>(state.range(0)), 10);
+  long peakKb = 0;
+  for (auto _ : state) {
+    std::string args[] = {KLTCE_TOOL_PATH, "fleet", "--workers", "1", "--format", "json", "--document", kDocument, "--fleet", path};
+    char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(), args[4].data(),
+                    args[5].data(), args[6].data(), args[7].data(), args[8].data(), args[9].data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    const int failed = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    rusage usage{};
+    if (failed == 0) ::wait4(pid, &status, 0, &usage);
+    if (failed != 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) state.SkipWithError("kltce fleet failed");
+    peakKb = usage.ru_maxrss;
+  }
+  state.counters["peak_rss_kB"] = static_cast<double>(peakKb);
+}
+BENCHMARK(BM_FleetWorkerPeakMemory)->Arg(1'000)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+}  // namespace
