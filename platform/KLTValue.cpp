@@ -265,7 +265,7 @@ std::string textForm(const KLTValue& v) {
     case KLTValue::value_t::number_float: {
       const double d = v.get<double>();
       if (std::isnan(d)) return "nan";
-      if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+      if (std::isinf(d)) return std::signbit(d) ? "-inf" : "inf";
       char buf[64];
       std::to_chars_result res{};
       if (std::trunc(d) == d && std::fabs(d) < 1e21) {
