@@ -28,7 +28,7 @@ void KLTContextEvaluator::parseTask(KLTValue& document) {
   auto found = document.find(kKLTConfigs);
   if (found == document.end()) return;
   KLTValue& configs = *found;
-  if (!configs.is_array() || configs.empty()) return;
+  if (!configs.is_array()) return;
   // Each priority is read once, not at every comparison.
   std::vector<std::pair<int64_t, KLTValue*>> sorted;
   sorted.reserve(configs.size());

@@ -214,7 +214,10 @@ bool numbersEqual(const KLTValue& a, const KLTValue& b) {
 }  // namespace
 
 bool isEqual(const KLTValue& a, const KLTValue& b) {
-  if (isDate(a) || isDate(b)) return isDate(a) && isDate(b) && dateValue(a) == dateValue(b);
+  // A date equals only a date of the same instant, whichever of the two encodings each one uses.
+  const bool aIsDate = isDate(a);
+  if (aIsDate != isDate(b)) return false;
+  if (aIsDate) return dateValue(a) == dateValue(b);
   if (isNumber(a) || isNumber(b)) return isNumber(a) && isNumber(b) && numbersEqual(a, b);
   if (a.type() != b.type()) return false;
   switch (a.type()) {
