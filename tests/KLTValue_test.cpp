@@ -84,12 +84,15 @@ TEST(KLTValue, IntegerReadings) {
 // small, each with its sign.
 TEST(KLTValue, DecimalTextsOutOfRange) {
   struct Row {
-    const char* text;
+    std::string text;
     double expected;
   };
   const std::vector<Row> rows = {
       {"1e400", kInf},  {"-1e400", -kInf}, {"+1e400", kInf}, {"1e-400", 0.0},
       {"-1e-400", -0.0}, {"0.0001e-320", 0.0}, {"12345e-400", 0.0}, {"+-1", 0.0},
+      {"0.1e400", kInf},
+      // Leading zeros are not digits of the magnitude, before or after the point.
+      {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.text);
