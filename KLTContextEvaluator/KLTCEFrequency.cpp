@@ -84,21 +84,33 @@ KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifi
   }
 
   _frequencyConfig.set(identifier, std::move(record));
+  _checked.reset();
   save(kInitMethod);
 }
 
 bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& identifier) const {
-  const KLTValue& record = storedRecord(identifier);
-  const int32_t count = klt::int32Value(klt::valueForKey(record, kKLTCount));
-  const int32_t limit = klt::int32Value(klt::valueForKey(record, kKLTLimit));
-  if (isSessionMode(klt::valueForKey(record, kKLTValidity))) return count < limit;
-  if (count >= limit) return false;
+  // A check runs at every completion of a condition, an update only at a showing: the record's
+  // numbers are read once per change of the map, not at every check.
+  if (!_checked || _checked->identifier != identifier) _checked = CheckedRecord::of(identifier, storedRecord(identifier));
+  const CheckedRecord& r = *_checked;
+  if (r.session) return r.count < r.limit;
+  if (r.count >= r.limit) return false;
   // Only one secondary limit applies: a set day limit hides the session limit. The age of `day`
   // is deliberately not looked at here; only a construction or an update opens a new period.
-  const int32_t dayLimit = klt::int32Value(klt::valueForKey(record, kKLTDayLimit));
-  if (dayLimit != kNoLimit) return klt::int32Value(klt::valueForKey(record, kKLTDayCount)) < dayLimit;
-  return klt::int32Value(klt::valueForKey(record, kKLTSessionCount)) <
-         klt::int32Value(klt::valueForKey(record, kKLTSessionLimit));
+  if (r.dayLimit != kNoLimit) return r.dayCount < r.dayLimit;
+  return r.sessionCount < r.sessionLimit;
+}
+
+KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record) {
+  const auto number = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
+  return CheckedRecord{identifier,
+                       isSessionMode(klt::valueForKey(record, kKLTValidity)),
+                       number(kKLTCount),
+                       number(kKLTLimit),
+                       number(kKLTDayLimit),
+                       number(kKLTDayCount),
+                       number(kKLTSessionCount),
+                       number(kKLTSessionLimit)};
 }
 
 void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier) {
@@ -123,6 +135,7 @@ void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier)
   record[kKLTCount] = count == std::numeric_limits<int64_t>::max() ? count : count + 1;
 
   _frequencyConfig.set(identifier, std::move(record));
+  _checked.reset();
   if (save(kUpdateMethod)) KLT_LOG_DEBUG(kUpdateMethod, "Updated count for identifier: " + identifier);
 }
 

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/KLTSharedMap.h"
@@ -54,7 +55,17 @@ class KLTCEFrequency {
   // Writes the whole map to the standard store and synchronizes; logs the failure under method.
   bool save(const char* method) const;
 
+  // The numbers a check reads from the record of one identifier, as they stand in _frequencyConfig;
+  // dropped whenever this object changes its map.
+  struct CheckedRecord {
+    std::string identifier;
+    bool session = false;
+    int32_t count = 0, limit = 0, dayLimit = 0, dayCount = 0, sessionCount = 0, sessionLimit = 0;
+    static CheckedRecord of(const std::string& identifier, const KLTValue& record);
+  };
+
   KLTSharedMap _frequencyConfig;  // identifier -> record
+  mutable std::optional<CheckedRecord> _checked;
 };
 
 class KLTCETimeLimits {

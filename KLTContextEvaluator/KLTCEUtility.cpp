@@ -265,7 +265,7 @@ bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& o
         if (av > gv) return false;
         break;
       default:
-        return false;
+        break;  // EQ, NEQ and unknown words were answered above
     }
   }
   return word == Word::GTE || word == Word::LTE;

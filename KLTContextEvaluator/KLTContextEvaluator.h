@@ -91,7 +91,8 @@ class KLTContextEvaluator final : public KeltoPlugin {
   explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);
   // The queue chosen by useSerialQueue(), else a new worker-thread queue; no choice is taken after.
   static std::shared_ptr<KLTSerialQueue> takeChosenQueue();
-  void parseTask(const KLTValue& document);
+  // Reads the document's configurations and releases each one once its item is built.
+  void parseTask(KLTValue& document);
   bool checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const;
   // The admission check in a parse; reports the admission to the observer when one is installed.
   bool admitConfiguration(const KLTValue& config, int64_t priority) const;

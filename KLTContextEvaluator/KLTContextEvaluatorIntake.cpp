@@ -1,6 +1,7 @@
 // Configuration intake: the parse of a campaign document and the count of a display, both run as
 // tasks on the evaluator's serial queue.
 #include <algorithm>
+#include <utility>
 
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -18,28 +19,34 @@ int64_t priorityOf(const KLTValue& config) {
 }  // namespace
 
 void KLTContextEvaluator::parseConfiguration(KLTValue document) {
-  auto shared = std::make_shared<const KLTValue>(std::move(document));
+  auto shared = std::make_shared<KLTValue>(std::move(document));
   _ceOpsSerialQueue->async([this, shared] { parseTask(*shared); });
 }
 
-void KLTContextEvaluator::parseTask(const KLTValue& document) {
-  const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);
-  if (!configs.is_array() || configs.empty()) return;
+void KLTContextEvaluator::parseTask(KLTValue& document) {
+  if (!document.is_object()) return;
+  auto found = document.find(kKLTConfigs);
+  if (found == document.end()) return;
+  KLTValue& configs = *found;
+  if (!configs.is_array()) return;
   // Each priority is read once, not at every comparison.
-  std::vector<std::pair<int64_t, const KLTValue*>> sorted;
+  std::vector<std::pair<int64_t, KLTValue*>> sorted;
   sorted.reserve(configs.size());
-  for (const auto& config : configs) sorted.emplace_back(priorityOf(config), &config);
+  for (auto& config : configs) sorted.emplace_back(priorityOf(config), &config);
   // Highest priority first; equal priorities keep their document order.
   std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
   for (const auto& [priority, config] : sorted) {
-    const KLTValue& id = klt::valueForKey(*config, kKLTConfigId);
-    if (!admitConfiguration(*config, priority)) {
+    // The items keep what they need of their configuration, so each one is released once read:
+    // the document and the items built from it are never all in memory at once.
+    const KLTValue released = std::exchange(*config, KLTValue());
+    const KLTValue& id = klt::valueForKey(released, kKLTConfigId);
+    if (!admitConfiguration(released, priority)) {
       KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
                    "Validation failed for config with id: " + klt::textForm(id));
       continue;
     }
     // A new item replaces the stored one; the old one stays registered with the host.
-    auto item = KLTCEConfigItem::create(*config);
+    auto item = KLTCEConfigItem::create(released);
     if (const std::string* key = klt::stringPtr(id)) {
       auto it = _configuration.find(*key);
       if (it != _configuration.end()) retiredItems.push_back(std::move(it->second));

@@ -214,7 +214,10 @@ bool numbersEqual(const KLTValue& a, const KLTValue& b) {
 }  // namespace
 
 bool isEqual(const KLTValue& a, const KLTValue& b) {
-  if (isDate(a) || isDate(b)) return isDate(a) && isDate(b) && dateValue(a) == dateValue(b);
+  // A date equals only a date of the same instant, whichever of the two encodings each one uses.
+  const bool aIsDate = isDate(a);
+  if (aIsDate != isDate(b)) return false;
+  if (aIsDate) return dateValue(a) == dateValue(b);
   if (isNumber(a) || isNumber(b)) return isNumber(a) && isNumber(b) && numbersEqual(a, b);
   if (a.type() != b.type()) return false;
   switch (a.type()) {
@@ -265,7 +268,7 @@ std::string textForm(const KLTValue& v) {
     case KLTValue::value_t::number_float: {
       const double d = v.get<double>();
       if (std::isnan(d)) return "nan";
-      if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+      if (std::isinf(d)) return std::signbit(d) ? "-inf" : "inf";
       char buf[64];
       std::to_chars_result res{};
       if (std::trunc(d) == d && std::fabs(d) < 1e21) {

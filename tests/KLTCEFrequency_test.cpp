@@ -171,6 +171,28 @@ TEST(KLTCETimeLimitsTest, ParsesHourAndMinuteTexts) {
   }
 }
 
+// The window holds from its start minute up to, not including, its end minute, and never wraps
+// over midnight. Rows go forward through one day, since the clock never moves back.
+TEST_F(KLTCEFrequencyTest, DailyWindowIncludesItsStartAndExcludesItsEnd) {
+  struct Row {
+    const char *start, *end;
+    int hour, minute;
+    bool inside;
+  };
+  const std::vector<Row> rows = {
+      {"08:00", "22:30", 7, 59, false}, {"08:00", "22:30", 8, 0, true},   {"08:30", "22:00", 8, 29, false},
+      {"08:00", "22:00", 21, 59, true}, {"08:00", "22:00", 22, 0, false}, {"08:00", "22:30", 22, 29, true},
+      {"08:00", "22:30", 22, 30, false}, {"22:00", "08:00", 23, 0, false},
+  };
+  host_.clock().setTimeZone(KLTTimeZone::fixedOffset(0));
+  const KLTTimePoint midnight = host_.clock().now();  // the fixture's clock starts at 00:00 UTC
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.start) + "-" + row.end + " at " + std::to_string(row.hour) + ":" + std::to_string(row.minute));
+    host_.clock().setNow(midnight + hours(row.hour) + minutes(row.minute));
+    EXPECT_EQ(KLTCETimeLimits(row.start, row.end).currentTimeBetweenLimits(), row.inside);
+  }
+}
+
 // 10,000 caps built as one parse (limits of 0, below 1 or beyond 32 bits read as no limit), then displays counted on a few, checked against a model in which
 // each object copies the whole map when built and writes that copy back whole at every save (its
 // copy is taken only for the objects that count displays: the others never save again). The last

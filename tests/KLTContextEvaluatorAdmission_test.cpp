@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "platform/KLTDrainedSerialQueue.h"
 #include "host/KLTController.h"
 #include "host/KLTUtilities.h"
 #include "platform/KLTBundle.h"
@@ -176,6 +177,40 @@ TEST(KLTContextEvaluatorAdmission, ReadsTheHostAtTheMomentOfTheCheck) {
       r.prepare(h);
     });
   }
+}
+
+// Only a list under "configs" is read: any other shape builds nothing; a list builds its items.
+TEST(KLTContextEvaluator, OnlyAListOfConfigsBuildsItems) {
+  struct Row {
+    KLTValue document;
+    std::vector<std::string> built;
+  };
+  const std::vector<Row> rows = {
+      {KLTValue{{"configs", KLTValue{{"c1", admittedConfig()}}}}, {}},
+      {KLTValue{{"configs", admittedConfig()}}, {}},
+      {KLTValue::array({KLTValue{{"configs", KLTValue::array({admittedConfig()})}}}), {}},
+      {KLTValue{{"configs", KLTValue::array({admittedConfig()})}}, {"c1"}},
+  };
+  auto& evaluator = KLTContextEvaluator::sharedInstance();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.document.dump());
+    KLTTestHost host(0);
+    host.controller().user()->setUserAttributes(J(R"({"tier": "gold"})"));
+    host.controller().session()->setSessionAttributes(J(R"({"city": "Paris"})"));
+    ASSERT_TRUE(evaluator.resetForTesting());
+    evaluator.parseConfiguration(row.document);
+    host.drainEvaluatorQueue();
+    EXPECT_EQ(evaluator.configurationIdentifiers(), row.built);
+  }
+}
+
+// The engine's queue is chosen once, before the engine's first use; a null queue is never taken.
+TEST(KLTContextEvaluator, QueueIsChosenOnlyBeforeFirstUse) {
+  EXPECT_FALSE(KLTContextEvaluator::useSerialQueue(nullptr));
+  auto& evaluator = KLTContextEvaluator::sharedInstance();
+  auto late = std::make_shared<KLTDrainedSerialQueue>("late");
+  EXPECT_FALSE(KLTContextEvaluator::useSerialQueue(late));
+  EXPECT_NE(evaluator.ceOpsSerialQueue(), late);
 }
 
 }  // namespace

@@ -78,6 +78,12 @@ TEST(KLTMacroHelper, SelfRepeatingValueFillsExactlyUpToTheBound) {
   EXPECT_EQ(helper.applyMacro(times(22)), std::nullopt);
   ASSERT_EQ(host.log().lines().size(), 1u);
   EXPECT_EQ(host.log().lines()[0].rfind("<KLT ERROR> Filled text would pass 1048576 bytes", 0), 0u);
+  // A fill of exactly the bound is kept, one byte more is refused.
+  for (const std::size_t size : {std::size_t{1} << 20, (std::size_t{1} << 20) + 1}) {
+    SCOPED_TRACE(size);
+    host.controller().user()->setCustomInfoValue("big", std::string(size, 'a'));
+    EXPECT_EQ(helper.applyMacro("[user_big(x)]").has_value(), size == std::size_t{1} << 20);
+  }
 }
 
 TEST(KLTMacroHelper, ReplaceMacrosDoesNotWaitForTheSerialQueue) {

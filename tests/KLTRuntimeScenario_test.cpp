@@ -128,8 +128,9 @@ TEST_F(RuntimeScenario, SequenceModeBuildsInSequenceOrderAndIgnoresTheCap) {
     if (!seq.is_null()) c["sequence"] = seq;
     return c;
   };
-  KLTValue config = campaign(id, KLTValue::array({step("third", 3), step("first", 1), step("second", "2"),
-                                                  step("zeroth", nullptr)}));
+  // "tie" shares its sequence with "first" and follows it in the document, so it comes after it.
+  KLTValue config = campaign(id, KLTValue::array({step("third", 3), step("first", 1), step("tie", 1),
+                                                  step("second", "2"), step("zeroth", nullptr)}));
   config["sequence_enabled"] = true;
   config["frequency"] = {{"count", 1}};
   parse(document({config}));
@@ -137,7 +138,7 @@ TEST_F(RuntimeScenario, SequenceModeBuildsInSequenceOrderAndIgnoresTheCap) {
   deliver(kKLTEventCodeApp, "third");
   deliver(kKLTEventCodeApp, "first");
   EXPECT_EQ(dispatchCount(id), 0u);
-  for (const char* name : {"zeroth", "first", "second"}) deliver(kKLTEventCodeApp, name);
+  for (const char* name : {"zeroth", "first", "tie", "second"}) deliver(kKLTEventCodeApp, name);
   EXPECT_EQ(dispatchCount(id), 0u) << "the early 'third' event must not have counted";
   deliver(kKLTEventCodeApp, "third");
   EXPECT_EQ(dispatchCount(id), 1u);

@@ -80,6 +80,28 @@ TEST(KLTValue, IntegerReadings) {
   }
 }
 
+// Decimal texts beyond the double range read as infinity when too large and as zero when too
+// small, each with its sign.
+TEST(KLTValue, DecimalTextsOutOfRange) {
+  struct Row {
+    std::string text;
+    double expected;
+  };
+  const std::vector<Row> rows = {
+      {"1e400", kInf},  {"-1e400", -kInf}, {"+1e400", kInf}, {"1e-400", 0.0},
+      {"-1e-400", -0.0}, {"0.0001e-320", 0.0}, {"12345e-400", 0.0}, {"+-1", 0.0},
+      {"0.1e400", kInf},
+      // Leading zeros are not digits of the magnitude, before or after the point.
+      {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.text);
+    const double got = klt::doubleValue(KLTValue(r.text));
+    EXPECT_EQ(got, r.expected);
+    EXPECT_EQ(std::signbit(got), std::signbit(r.expected));
+  }
+}
+
 TEST(KLTValue, TruthReading) {
   struct Row {
     KLTValue value;
@@ -123,7 +145,12 @@ TEST(KLTValue, EqualityAndListMembership) {
       {KLTValue::object({{"a", 1}, {"b", KLTValue::object({{"c", true}})}}),
        KLTValue::object({{"b", KLTValue::object({{"c", 1}})}, {"a", 1.0}}), true, "dictionaries ignore key order"},
       {KLTValue::object({{"a", 1}}), KLTValue::object({{"a", 1}, {"b", 2}}), false, "extra key"},
+      {KLTValue::object({{"a", 1}}), KLTValue::object({{"b", 1}}), false, "same size, other key"},
+      {KLTValue::object({{"a", 1}}), KLTValue::object({{"a", 2}}), false, "same key, other value"},
       {aDate(), klt::makeDate(KLTTimePoint(std::chrono::seconds(1))), false, "other date"},
+      {aDate(), aDate(), true, "same date"},
+      {KLTValue::binary({1, 2}), KLTValue::binary({1, 2}), true, "same bytes"},
+      {KLTValue::binary({1, 2}), KLTValue::binary({1, 3}), false, "other bytes"},
       {aDate(), 1'795'860'000, false, "a date is never a number"},
   };
   for (const auto& r : rows) {

@@ -150,7 +150,8 @@ class Replay {
     switch (l.kind) {
       case LineKind::Event:
         ++result.events;
-        posted = controller.deliverEvent(KLTEvent::make(l.code, l.name, l.attributes)) > 0;
+        // The line is done with once delivered: its name and attributes move into the event.
+        posted = controller.deliverEvent(KLTEvent::make(l.code, std::move(l.name), std::move(l.attributes))) > 0;
         break;
       case LineKind::Shown:
         evaluator.updateCountForConfigWithIdentifier(l.id);

@@ -22,20 +22,21 @@ void noteUnknownKeys(const KLTValue& object, std::initializer_list<std::string_v
 }
 
 // Reads an optional object-valued key; false (error set) when present but not an object.
-bool readObject(const KLTValue& object, const char* key, KLTValue& out, std::string& error) {
-  const KLTValue& v = klt::valueForKey(object, key);
-  if (v.is_null()) return true;
-  if (!v.is_object()) {
+// Moves the object under key (when there is one) out of the parsed line into out.
+bool readObject(KLTValue& object, const char* key, KLTValue& out, std::string& error) {
+  const auto found = object.find(key);
+  if (found == object.end() || found->is_null()) return true;
+  if (!found->is_object()) {
     error = std::string("\"") + key + "\" must be an object";
     return false;
   }
-  out = v;
+  out = std::move(*found);
   return true;
 }
 
 LineResult fail(std::string message) { return LineResult{std::nullopt, std::move(message)}; }
 
-LineResult parseEvent(const KLTValue& object, StreamLine line) {
+LineResult parseEvent(KLTValue& object, StreamLine line) {
   const KLTValue& type = object["type"];
   if (!type.is_string()) return fail("\"type\" must be text: app, client, activity or presence");
   const std::string& word = type.get_ref<const std::string&>();
@@ -53,7 +54,7 @@ LineResult parseEvent(const KLTValue& object, StreamLine line) {
   return LineResult{std::move(line), {}};
 }
 
-LineResult parseAction(const KLTValue& object, StreamLine line) {
+LineResult parseAction(KLTValue& object, StreamLine line) {
   const KLTValue& action = object["action"];
   if (!action.is_string()) return fail("\"action\" must be text");
   const std::string& word = action.get_ref<const std::string&>();
@@ -120,7 +121,7 @@ LineResult parseStreamLine(std::string_view text) {
   return streamLineFromObject(json.value);
 }
 
-LineResult streamLineFromObject(const KLTValue& object) {
+LineResult streamLineFromObject(KLTValue& object) {
   if (!object.is_object()) return fail("a line must be a JSON object, not " + std::string(object.type_name()));
   StreamLine line;
   if (const KLTValue& t = klt::valueForKey(object, "t"); !t.is_null()) {

@@ -61,8 +61,9 @@ struct LineResult {
 };
 
 LineResult parseStreamLine(std::string_view text);
-// The same reading of a line already parsed as JSON (a fleet's line, its "device" key taken out).
-LineResult streamLineFromObject(const KLTValue& object);
+// The same reading of a line already parsed as JSON (a fleet's line, its "device" key taken out);
+// the line's objects (attributes, custom info) are moved out of object.
+LineResult streamLineFromObject(KLTValue& object);
 
 // The host event code of an event type word ("app" 4, ...); 0 when unknown.
 unsigned long eventCodeForType(std::string_view type);
