@@ -218,7 +218,8 @@ bool isEqual(const KLTValue& a, const KLTValue& b) {
   const bool aIsDate = isDate(a);
   if (aIsDate != isDate(b)) return false;
   if (aIsDate) return dateValue(a) == dateValue(b);
-  if (isNumber(a) || isNumber(b)) return isNumber(a) && isNumber(b) && numbersEqual(a, b);
+  // A number and a non-number differ in type, which the check below answers.
+  if (isNumber(a) && isNumber(b)) return numbersEqual(a, b);
   if (a.type() != b.type()) return false;
   switch (a.type()) {
     case KLTValue::value_t::null:
