@@ -39,9 +39,9 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // from_chars reports a decimal number beyond the double range as out of range whether it is too
 // large or too small; the decimal exponent of its first significant digit tells which.
+// number is the non-empty text from_chars consumed.
 bool decimalOverflows(std::string_view number) {
-  std::size_t i = 0;
-  if (i < number.size() && (number[i] == '-' || number[i] == '+')) ++i;
+  std::size_t i = number.front() == '-' || number.front() == '+' ? 1 : 0;
   int64_t integerDigits = 0, fractionZeros = 0;
   bool significant = false;
   for (; i < number.size() && isDigit(number[i]); ++i) {
