@@ -170,7 +170,7 @@ TEST(KLTValue, TextForm) {
   const std::vector<Row> rows = {
       {"as it stands", "as it stands"}, {kI64Min, "-9223372036854775808"}, {kU64Max, "18446744073709551615"},
       {-3.0, "-3"}, {1.0 / 3.0, "0.3333333333333333"}, {-0.0, "0"}, {1e300, "1e+300"}, {1e20, "100000000000000000000"},
-      {false, "false"}, {KLTValue(), "(null)"},
+      {false, "false"}, {true, "true"}, {KLTValue(), "(null)"},
       {KLTValue::object({{"b", 1}, {"a", KLTValue::array({true, "x", KLTValue()})}}), R"({"b":1,"a":[true,"x",null]})"},
       {aDate(), "2026-11-28 10:00:00 +0000"},
   };
