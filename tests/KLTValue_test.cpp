@@ -90,7 +90,7 @@ TEST(KLTValue, DecimalTextsOutOfRange) {
   const std::vector<Row> rows = {
       {"1e400", kInf},  {"-1e400", -kInf}, {"+1e400", kInf}, {"1e-400", 0.0},
       {"-1e-400", -0.0}, {"0.0001e-320", 0.0}, {"12345e-400", 0.0}, {"+-1", 0.0},
-      {"0.1e400", kInf}, {"2.5", 2.5}, {" +7e2", 700.0},
+      {"0.1e400", kInf}, {"9e309", kInf}, {"2.5", 2.5}, {" +7e2", 700.0},
       // Leading zeros are not digits of the magnitude, before or after the point.
       {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
   };
