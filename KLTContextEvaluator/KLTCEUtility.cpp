@@ -62,9 +62,13 @@ bool isLetter(const std::string* text, char letter) { return text != nullptr && 
 // Number identity for trigger data: numbers given by value, so "the same number" means the same
 // kind (boolean, integer whatever its signedness, floating) and an equal value.
 bool sameNumber(const KLTValue& x, const KLTValue& y) {
-  if (x.is_boolean() || y.is_boolean()) return x.is_boolean() && y.is_boolean() && x == y;
-  if (x.is_number_float() || y.is_number_float()) return x.is_number_float() && y.is_number_float() && klt::isEqual(x, y);
-  return x.is_number_integer() && y.is_number_integer() && klt::isEqual(x, y);
+  enum class Kind { None, Boolean, Floating, Integer };
+  const auto kind = [](const KLTValue& v) {
+    if (v.is_boolean()) return Kind::Boolean;
+    if (v.is_number_float()) return Kind::Floating;
+    return v.is_number_integer() ? Kind::Integer : Kind::None;
+  };
+  return kind(x) != Kind::None && kind(x) == kind(y) && klt::isEqual(x, y);
 }
 
 // Version components: split at every "." (empty pieces kept); a text without "." is one component.

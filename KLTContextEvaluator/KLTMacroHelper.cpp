@@ -81,7 +81,8 @@ const KLTRegex* KLTMacroHelper::placeholderPattern() const {
 }
 
 std::size_t KLTMacroHelper::filledTextLimit(std::size_t inputSize) {
-  const std::size_t scaled = inputSize > SIZE_MAX / kFilledTextGrowth ? SIZE_MAX : inputSize * kFilledTextGrowth;
+  std::size_t scaled = 0;
+  if (__builtin_mul_overflow(inputSize, kFilledTextGrowth, &scaled)) scaled = SIZE_MAX;
   return std::max(scaled, kFilledTextFloor);
 }
 

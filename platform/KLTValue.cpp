@@ -14,7 +14,6 @@ namespace {
 // after 2261 that nanoseconds cannot count.
 constexpr std::uint8_t kDateSubtype = 0x44;
 constexpr std::uint8_t kWideDateSubtype = 0x45;
-constexpr int64_t kMaxNanosecondMicros = std::numeric_limits<int64_t>::max() / 1000;
 
 const KLTValue& nullValue() {
   static const KLTValue kNull;
@@ -39,9 +38,9 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // from_chars reports a decimal number beyond the double range as out of range whether it is too
 // large or too small; the decimal exponent of its first significant digit tells which.
+// number is the non-empty text from_chars consumed.
 bool decimalOverflows(std::string_view number) {
-  std::size_t i = 0;
-  if (i < number.size() && (number[i] == '-' || number[i] == '+')) ++i;
+  std::size_t i = number.front() == '-' || number.front() == '+' ? 1 : 0;
   int64_t integerDigits = 0, fractionZeros = 0;
   bool significant = false;
   for (; i < number.size() && isDigit(number[i]); ++i) {
@@ -218,7 +217,8 @@ bool isEqual(const KLTValue& a, const KLTValue& b) {
   const bool aIsDate = isDate(a);
   if (aIsDate != isDate(b)) return false;
   if (aIsDate) return dateValue(a) == dateValue(b);
-  if (isNumber(a) || isNumber(b)) return isNumber(a) && isNumber(b) && numbersEqual(a, b);
+  // A number and a non-number differ in type, which the check below answers.
+  if (isNumber(a) && isNumber(b)) return numbersEqual(a, b);
   if (a.type() != b.type()) return false;
   switch (a.type()) {
     case KLTValue::value_t::null:
@@ -301,8 +301,10 @@ const std::string* stringPtr(const KLTValue& v) { return v.is_string() ? v.get_p
 
 KLTValue makeDate(KLTTimePoint t) {
   const int64_t us = t.time_since_epoch().count();
-  const bool narrow = us >= -kMaxNanosecondMicros && us <= kMaxNanosecondMicros;
-  const uint64_t u = static_cast<uint64_t>(narrow ? us * 1000 : us);
+  // Nanoseconds when they fit in 64 bits (about 292 years either side of 1970), else microseconds.
+  int64_t ns = 0;
+  const bool narrow = !__builtin_mul_overflow(us, int64_t{1000}, &ns);
+  const uint64_t u = static_cast<uint64_t>(narrow ? ns : us);
   std::vector<std::uint8_t> bytes(8);
   for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(u >> (56 - 8 * i));
   return KLTValue::binary(std::move(bytes), narrow ? kDateSubtype : kWideDateSubtype);

@@ -38,8 +38,8 @@ KLTValue with(KLTValue c, const char* key, KLTValue v) {
 }
 
 // 2026-01-01 from 07:00Z: a window campaign refused at 07:00, then a capped one, a timer, rejections
-// by app version and by validity dates (one per kind of record; the other audience steps give the
-// same record with other values).
+// by app version, by validity dates and by first session (the test host is not in one); one per
+// kind of record, the other audience steps give the same record with other values.
 void runScript(KLTTestHost& host) {
   auto& evaluator = KLTContextEvaluator::sharedInstance();
   const KLTValue go = KLTValue::array({eventCondition("app_event", "go", "GTE", 1)});
@@ -49,7 +49,8 @@ void runScript(KLTTestHost& host) {
        with(with(campaign("windowed", go), "time_limits_in_day", true), "time_limits", {{"start_time", "09:00"}, {"end_time", "17:30"}}),
        with(campaign("timed", KLTValue::array({timerCondition("activity_time", 2500)})), "sequence_enabled", true),
        with(campaign("old_app", go), "audience", {{"ver", {{"val", "3.2"}, {"op", "GTE"}}}}),
-       with(campaign("expired", go), "validity", {{"start_date", "2025-01-01T00:00:00Z"}, {"end_date", "2025-12-31T00:00:00Z"}})}));
+       with(campaign("expired", go), "validity", {{"start_date", "2025-01-01T00:00:00Z"}, {"end_date", "2025-12-31T00:00:00Z"}}),
+       with(campaign("first_timers", go), "audience", {{"audience_type", "FTU"}})}));
   host.drainEvaluatorQueue();
   host.deliver(kKLTEventCodeApp, "go");
   evaluator.updateCountForConfigWithIdentifier("capped");
@@ -87,6 +88,7 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
       {K::CapBlocked, "capped", {{"counter", "count"}, {"value", 1}, {"limit_key", "limit"}, {"limit", 1}}},
       {K::Rejected, "old_app", {{"step", "version"}, {"app_version", "1.0"}, {"operator", "GTE"}, {"wanted", "3.2"}}},
       {K::Rejected, "expired", {{"step", "validity_dates"}, {"end_date", "2025-12-31T00:00:00Z"}}},
+      {K::Rejected, "first_timers", {{"step", "first_session"}, {"first_session", false}}},
   };
   for (const Expected& row : rows) {
     SCOPED_TRACE(std::string(KLTCEDecisionKindName(row.kind)) + " " + row.campaign);

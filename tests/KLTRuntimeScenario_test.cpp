@@ -105,20 +105,23 @@ TEST_F(RuntimeScenario, CombinedModeFoldsLeftToRightWithoutPrecedence) {
   }
 }
 
-TEST_F(RuntimeScenario, LaterConditionWithoutOperatorNeverDispatches) {
-  const std::string id = uniqueId("noop");
-  // Admission rejects an absent operator, so build the item directly.
-  KLTValue config = campaign(id, KLTValue::array({eventCondition("app_event", "x", "GTE", 1, "AND"),
-                                                  eventCondition("app_event", "y", "GTE", 1, nullptr)}));
-  std::shared_ptr<KLTCEConfigItem> item;
-  evaluator().ceOpsSerialQueue()->async([&] { item = KLTCEConfigItem::create(config); });
-  host.drainEvaluatorQueue();
-  ASSERT_NE(item, nullptr);
-  deliver(kKLTEventCodeApp, "x");
-  deliver(kKLTEventCodeApp, "y");
-  EXPECT_TRUE(item->conditions()[0]->satisfied());
-  EXPECT_TRUE(item->conditions()[1]->satisfied());
-  EXPECT_EQ(dispatchCount(id), 0u);
+TEST_F(RuntimeScenario, LaterConditionWithoutAKnownOperatorNeverDispatches) {
+  for (const KLTValue& op : {KLTValue(), KLTValue("XOR"), KLTValue("and")}) {
+    SCOPED_TRACE(op.dump());
+    const std::string id = uniqueId("noop");
+    // Admission rejects such an operator, so build the item directly.
+    KLTValue config = campaign(id, KLTValue::array({eventCondition("app_event", "x", "GTE", 1, "AND"),
+                                                    eventCondition("app_event", "y", "GTE", 1, op)}));
+    std::shared_ptr<KLTCEConfigItem> item;
+    evaluator().ceOpsSerialQueue()->async([&] { item = KLTCEConfigItem::create(config); });
+    host.drainEvaluatorQueue();
+    ASSERT_NE(item, nullptr);
+    deliver(kKLTEventCodeApp, "x");
+    deliver(kKLTEventCodeApp, "y");
+    EXPECT_TRUE(item->conditions()[0]->satisfied());
+    EXPECT_TRUE(item->conditions()[1]->satisfied());
+    EXPECT_EQ(dispatchCount(id), 0u);
+  }
 }
 
 TEST_F(RuntimeScenario, SequenceModeBuildsInSequenceOrderAndIgnoresTheCap) {

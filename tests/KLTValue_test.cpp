@@ -80,8 +80,8 @@ TEST(KLTValue, IntegerReadings) {
   }
 }
 
-// Decimal texts beyond the double range read as infinity when too large and as zero when too
-// small, each with its sign.
+// Decimal texts read as numbers; beyond the double range, as infinity when too large and as zero
+// when too small, each with its sign.
 TEST(KLTValue, DecimalTextsOutOfRange) {
   struct Row {
     std::string text;
@@ -90,7 +90,7 @@ TEST(KLTValue, DecimalTextsOutOfRange) {
   const std::vector<Row> rows = {
       {"1e400", kInf},  {"-1e400", -kInf}, {"+1e400", kInf}, {"1e-400", 0.0},
       {"-1e-400", -0.0}, {"0.0001e-320", 0.0}, {"12345e-400", 0.0}, {"+-1", 0.0},
-      {"0.1e400", kInf},
+      {"0.1e400", kInf}, {"9e309", kInf}, {"2.5", 2.5}, {" +7e2", 700.0},
       // Leading zeros are not digits of the magnitude, before or after the point.
       {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
   };
@@ -170,7 +170,7 @@ TEST(KLTValue, TextForm) {
   const std::vector<Row> rows = {
       {"as it stands", "as it stands"}, {kI64Min, "-9223372036854775808"}, {kU64Max, "18446744073709551615"},
       {-3.0, "-3"}, {1.0 / 3.0, "0.3333333333333333"}, {-0.0, "0"}, {1e300, "1e+300"}, {1e20, "100000000000000000000"},
-      {false, "false"}, {KLTValue(), "(null)"},
+      {false, "false"}, {true, "true"}, {KLTValue(), "(null)"},
       {KLTValue::object({{"b", 1}, {"a", KLTValue::array({true, "x", KLTValue()})}}), R"({"b":1,"a":[true,"x",null]})"},
       {aDate(), "2026-11-28 10:00:00 +0000"},
   };
