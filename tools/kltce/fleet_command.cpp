@@ -248,7 +248,7 @@ void addFleetOptions(CLI::App& app, FleetCommand& c) {
   app.add_option("--format", c.format, "summary as table (the default) or json (mergeable)")
       ->check(CLI::IsMember({"table", "json"}));
   app.add_option("--csv", c.csv, "also write one CSV row per (device, campaign) to FILE");
-  app.add_option("--workers", c.workers, "worker processes (default: one per core)");
+  app.add_option("--workers", c.workers, "worker processes, each reading the fleet file (default: one per core); progress on a terminal");
   app.add_option("--shard", c.shard, "replay only shard I of N (I/N, by a hash of the device id; default 0/1)");
   app.add_option("--state", c.state, "every device starts from the counters of this file (only read; default: fresh)");
   app.add_flag("--auto-shown", c.autoShown, "report every display event as shown, as a host would after showing it");
