@@ -10,6 +10,7 @@
 // Call from one thread, with nothing else of this process writing to the streams meanwhile.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
