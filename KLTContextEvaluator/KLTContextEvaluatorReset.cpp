@@ -13,6 +13,7 @@ bool KLTContextEvaluator::resetForTesting(std::chrono::milliseconds timeout) {
     _configuration.clear();
     for (const auto& item : retiredItems) item->release();
     retiredItems.clear();
+    KLTController::sharedController().discardRemovedListeners();
   });
   return _ceOpsSerialQueue->waitUntilIdleFor(timeout);
 }

@@ -147,3 +147,12 @@ std::size_t KLTController::registrationCount() const {
   for (const auto& [key, list] : byType_) n += list ? list->size() : 0;
   return n;
 }
+
+void KLTController::discardRemovedListeners() {
+  std::vector<std::shared_ptr<const ListenerList>> dropped;
+  {
+    std::unique_lock lock(mutex_);
+    dropped.swap(retired_);
+  }
+  // Destroyed here, outside the lock: a listener's destructor may reach the registry.
+}

@@ -64,6 +64,10 @@ class KLTController {
   // not destroyed: rule objects hold each other in cycles meant to live for the whole process, so
   // the registry keeps them alive, undelivered, instead of leaking them unreachable.
   void removeAllListeners();
+  // Drops the listeners removeAllListeners() kept alive. For the engine's reset between devices
+  // (KLTContextEvaluator::resetForTesting()), once it has broken the cycles of its rule objects; a
+  // listener still in a reference cycle is leaked.
+  void discardRemovedListeners();
   // Number of (key, listener) registrations.
   std::size_t registrationCount() const;
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <system_error>
 #include <vector>
@@ -121,7 +122,7 @@ class Replay {
  public:
   Replay(const ReplayOptions& options, ReplayHost& host, std::ostream& out, std::ostream& err)
       : options_(options), host_(host), out_(out), err_(err), zone_(host.clock().timeZone()) {
-    documents_.push_back(options.document);
+    documents_.push_back(&options.document);
     realNow_ = options.realNow ? options.realNow : [] { return std::chrono::steady_clock::now(); };
     began_ = lastProgress_ = realNow_();
   }
@@ -189,7 +190,7 @@ class Replay {
           if (!loaded.value.is_object()) return bad(number, "'" + file.string() + "' is not a campaign document (a JSON object)");
           document = std::move(loaded.value);
         }
-        documents_.push_back(document);
+        documents_.push_back(&parsedDocuments_.emplace_back(document));
         evaluator.parseConfiguration(std::move(document));
         posted = true;
         break;
@@ -303,8 +304,8 @@ class Replay {
   std::vector<EndlessTimer> endlessTimers() {
     std::vector<EndlessTimer> found;
     const KLTTimePoint now = host_.clock().now();
-    for (const auto& document : documents_) {
-      const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);
+    for (const KLTValue* document : documents_) {
+      const KLTValue& configs = klt::valueForKey(*document, kKLTConfigs);
       if (!configs.is_array()) continue;
       for (const auto& config : configs) {
         const KLTValue& conditions = klt::valueForKey(config, kKLTConditions);
@@ -341,7 +342,10 @@ class Replay {
   std::ostream& out_;
   std::ostream& err_;
   std::shared_ptr<const KLTTimeZone> zone_;
-  std::vector<KLTValue> documents_;
+  // The documents parsed so far: the start document (not copied: a fleet replays it per device)
+  // and those of parse lines, kept in parsedDocuments_.
+  std::vector<const KLTValue*> documents_;
+  std::deque<KLTValue> parsedDocuments_;
   std::function<std::chrono::steady_clock::time_point()> realNow_;
   std::chrono::steady_clock::time_point began_, lastProgress_;
   bool progressShown_ = false;
