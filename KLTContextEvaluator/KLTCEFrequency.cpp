@@ -83,14 +83,13 @@ KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifi
     }
   }
 
-  _frequencyConfig.set(identifier, std::move(record));
-  _checked.reset();
+  setRecord(identifier, std::move(record));
   save(kInitMethod);
 }
 
 bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& identifier) const {
-  // A check runs at every completion of a condition, an update only at a showing: the record's
-  // numbers are read once per change of the map, not at every check.
+  // A check runs at every completion of a condition, an update only at a showing: the numbers of
+  // the record are read once per change of the map (setRecord() drops them), not at every check.
   if (!_checked || _checked->identifier != identifier) _checked = CheckedRecord::of(identifier, storedRecord(identifier));
   const CheckedRecord& r = *_checked;
   if (r.session) return r.count < r.limit;
@@ -99,18 +98,6 @@ bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& ident
   // is deliberately not looked at here; only a construction or an update opens a new period.
   if (r.dayLimit != kNoLimit) return r.dayCount < r.dayLimit;
   return r.sessionCount < r.sessionLimit;
-}
-
-KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record) {
-  const auto number = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
-  return CheckedRecord{identifier,
-                       isSessionMode(klt::valueForKey(record, kKLTValidity)),
-                       number(kKLTCount),
-                       number(kKLTLimit),
-                       number(kKLTDayLimit),
-                       number(kKLTDayCount),
-                       number(kKLTSessionCount),
-                       number(kKLTSessionLimit)};
 }
 
 void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier) {
@@ -134,8 +121,7 @@ void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier)
   const int64_t count = klt::integerValue(klt::valueForKey(record, kKLTCount));
   record[kKLTCount] = count == std::numeric_limits<int64_t>::max() ? count : count + 1;
 
-  _frequencyConfig.set(identifier, std::move(record));
-  _checked.reset();
+  setRecord(identifier, std::move(record));
   if (save(kUpdateMethod)) KLT_LOG_DEBUG(kUpdateMethod, "Updated count for identifier: " + identifier);
 }
 
@@ -197,4 +183,22 @@ bool KLTCETimeLimits::currentTimeBetweenLimits() const {
   }
   if (!inside) KLT_LOG_DEBUG(kTimeLimitsMethod, "Doesn't fall in between given time limits");
   return inside;
+}
+
+// Below the log sites, so that their source lines stay as they are.
+void KLTCEFrequency::setRecord(const std::string& identifier, KLTValue record) {
+  _frequencyConfig.set(identifier, std::move(record));
+  _checked.reset();
+}
+
+KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record) {
+  const auto number = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
+  return CheckedRecord{identifier,
+                       isSessionMode(klt::valueForKey(record, kKLTValidity)),
+                       number(kKLTCount),
+                       number(kKLTLimit),
+                       number(kKLTDayLimit),
+                       number(kKLTDayCount),
+                       number(kKLTSessionCount),
+                       number(kKLTSessionLimit)};
 }

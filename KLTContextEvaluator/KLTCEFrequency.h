@@ -52,6 +52,8 @@ class KLTCEFrequency {
   // A copy of the stored record of identifier; empty (with an ERROR line naming method) when the
   // stored value is not a dictionary.
   KLTValue recordForIdentifier(const std::string& identifier, const char* method) const;
+  // Sets the record of identifier in this object's map and drops the numbers a check kept.
+  void setRecord(const std::string& identifier, KLTValue record);
   // Writes the whole map to the standard store and synchronizes; logs the failure under method.
   bool save(const char* method) const;
 

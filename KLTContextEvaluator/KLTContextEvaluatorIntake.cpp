@@ -1,7 +1,6 @@
 // Configuration intake: the parse of a campaign document and the count of a display, both run as
 // tasks on the evaluator's serial queue.
 #include <algorithm>
-#include <utility>
 
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -24,21 +23,15 @@ void KLTContextEvaluator::parseConfiguration(KLTValue document) {
 }
 
 void KLTContextEvaluator::parseTask(KLTValue& document) {
-  if (!document.is_object()) return;
-  auto found = document.find(kKLTConfigs);
-  if (found == document.end()) return;
-  KLTValue& configs = *found;
-  if (!configs.is_array()) return;
-  // Each priority is read once, not at every comparison.
+  const auto found = document.find(kKLTConfigs);  // end() for a document that is not a dictionary
+  if (found == document.end() || !found->is_array()) return;
+  // Highest priority first, each priority read once; equal priorities keep their document order.
   std::vector<std::pair<int64_t, KLTValue*>> sorted;
-  sorted.reserve(configs.size());
-  for (auto& config : configs) sorted.emplace_back(priorityOf(config), &config);
-  // Highest priority first; equal priorities keep their document order.
+  sorted.reserve(found->size());
+  for (auto& config : *found) sorted.emplace_back(priorityOf(config), &config);
   std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
   for (const auto& [priority, config] : sorted) {
-    // The items keep what they need of their configuration, so each one is released once read:
-    // the document and the items built from it are never all in memory at once.
-    const KLTValue released = std::exchange(*config, KLTValue());
+    const KLTValue released = std::move(*config);  // items copy what they need: the document goes as it is read
     const KLTValue& id = klt::valueForKey(released, kKLTConfigId);
     if (!admitConfiguration(released, priority)) {
       KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",

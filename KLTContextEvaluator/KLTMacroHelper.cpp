@@ -82,8 +82,7 @@ const KLTRegex* KLTMacroHelper::placeholderPattern() const {
 
 std::size_t KLTMacroHelper::filledTextLimit(std::size_t inputSize) {
   std::size_t scaled = 0;
-  if (__builtin_mul_overflow(inputSize, kFilledTextGrowth, &scaled)) scaled = SIZE_MAX;
-  return std::max(scaled, kFilledTextFloor);
+  return __builtin_mul_overflow(inputSize, kFilledTextGrowth, &scaled) ? SIZE_MAX : std::max(scaled, kFilledTextFloor);
 }
 
 std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) const {
