@@ -89,7 +89,8 @@ KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifi
 
 bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& identifier) const {
   // A check runs at every completion of a condition, an update only at a showing: the numbers of
-  // the record are read once per change of the map (setRecord() drops them), not at every check.
+  // the record are read once per change of the map, not at every check (setRecord() drops them
+  // whenever this object changes its map).
   if (!_checked || _checked->identifier != identifier) _checked = CheckedRecord::of(identifier, storedRecord(identifier));
   const CheckedRecord& r = *_checked;
   if (r.session) return r.count < r.limit;
