@@ -1,5 +1,6 @@
 #include "platform/KLTValue.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -225,13 +226,8 @@ bool isEqual(const KLTValue& a, const KLTValue& b) {
       return true;
     case KLTValue::value_t::string:
       return a.get_ref<const std::string&>() == b.get_ref<const std::string&>();
-    case KLTValue::value_t::array: {
-      if (a.size() != b.size()) return false;
-      for (std::size_t i = 0; i < a.size(); ++i) {
-        if (!isEqual(a[i], b[i])) return false;
-      }
-      return true;
-    }
+    case KLTValue::value_t::array:
+      return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const KLTValue& x, const KLTValue& y) { return isEqual(x, y); });
     case KLTValue::value_t::object: {
       if (a.size() != b.size()) return false;
       for (auto it = a.begin(); it != a.end(); ++it) {
