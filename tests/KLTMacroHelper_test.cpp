@@ -78,11 +78,17 @@ TEST(KLTMacroHelper, SelfRepeatingValueFillsExactlyUpToTheBound) {
   EXPECT_EQ(helper.applyMacro(times(22)), std::nullopt);
   ASSERT_EQ(host.log().lines().size(), 1u);
   EXPECT_EQ(host.log().lines()[0].rfind("<KLT ERROR> Filled text would pass 1048576 bytes", 0), 0u);
-  // A fill of exactly the bound is kept, one byte more is refused.
-  for (const std::size_t size : {std::size_t{1} << 20, (std::size_t{1} << 20) + 1}) {
-    SCOPED_TRACE(size);
-    host.controller().user()->setCustomInfoValue("big", std::string(size, 'a'));
-    EXPECT_EQ(helper.applyMacro("[user_big(x)]").has_value(), size == std::size_t{1} << 20);
+  // A fill of exactly the bound is kept; one byte more, in the value or in the text after it, is not.
+  constexpr std::size_t kBound = std::size_t{1} << 20;
+  const struct {
+    std::size_t valueSize;
+    const char* text;
+    bool kept;
+  } rows[] = {{kBound, "[user_big(x)]", true}, {kBound + 1, "[user_big(x)]", false}, {kBound - 2, "[user_big(x)]tail", false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.valueSize) + " " + row.text);
+    host.controller().user()->setCustomInfoValue("big", std::string(row.valueSize, 'a'));
+    EXPECT_EQ(helper.applyMacro(row.text).has_value(), row.kept);
   }
 }
 
