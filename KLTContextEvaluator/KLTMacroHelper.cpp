@@ -57,9 +57,18 @@ bool replaceAllInto(std::string_view text, std::string_view from, std::string_vi
   return true;
 }
 
+// A placeholder text of the input: what fills it (none: it stays as written) and how often it stands.
+struct Placeholder {
+  std::string_view text;
+  std::optional<std::string> fill;
+  std::size_t count = 0;
+};
+
 // The calling thread's working storage, reused from call to call.
 struct Scratch {
   std::vector<KLTRegexMatch> matches;
+  std::vector<Placeholder> placeholders;  // each text once, in order of first appearance
+  std::vector<std::size_t> ofMatch;       // for each match, its entry in placeholders
   std::string other;
 };
 
@@ -68,22 +77,13 @@ Scratch& scratch() {
   return s;
 }
 
+std::optional<std::string> fillFor(std::string_view placeholder);
+std::string fillEveryMatch(std::string_view input, const Scratch& work, std::size_t size);
+bool anyStandsIn(std::string_view text, const std::vector<Placeholder>& placeholders);
 }  // namespace
 
 KLTMacroHelper::KLTMacroHelper() = default;
 KLTMacroHelper::~KLTMacroHelper() = default;
-
-const KLTRegex* KLTMacroHelper::placeholderPattern() const {
-  // Compiling costs far more than a typical substitution, so it is done once and shared; a failed
-  // compilation is not retried (the pattern is fixed, so it would fail again).
-  std::call_once(compileOnce_, [this] { pattern_ = KLTRegex::compile(kPlaceholderPattern, KLTRegex::kCaseInsensitive); });
-  return pattern_.get();
-}
-
-std::size_t KLTMacroHelper::filledTextLimit(std::size_t inputSize) {
-  std::size_t scaled = 0;
-  return __builtin_mul_overflow(inputSize, kFilledTextGrowth, &scaled) ? SIZE_MAX : std::max(scaled, kFilledTextFloor);
-}
 
 std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) const {
   if (!KLTUtilities::isNonEmptyString(text)) {
@@ -102,43 +102,43 @@ std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) cons
   // Matches come from the input as passed in, never from the partly filled result, so a filled-in
   // value is not itself searched for placeholders.
   pattern->matches(input, work.matches);
-  std::string result = input;
-  if (work.matches.empty()) return result;
+  if (work.matches.empty()) return input;
   const std::size_t limit = filledTextLimit(input.size());
 
+  // Each placeholder text is looked up once, at its first match: the host's user and session are
+  // asked for afresh at each.
+  work.placeholders.clear();
+  work.ofMatch.clear();
   for (const KLTRegexMatch& match : work.matches) {
-    const std::string_view placeholder = std::string_view(input).substr(match.offset, match.length);
+    const std::string_view found = std::string_view(input).substr(match.offset, match.length);
+    auto it = std::find_if(work.placeholders.begin(), work.placeholders.end(), [&](const Placeholder& p) { return p.text == found; });
+    if (it == work.placeholders.end()) it = work.placeholders.insert(it, Placeholder{found, fillFor(found)});
+    ++it->count;
+    work.ofMatch.push_back(static_cast<std::size_t>(it - work.placeholders.begin()));
+  }
 
-    bool fromUser;
-    std::size_t nameStart;
-    if (placeholder.starts_with(kUserPrefix)) {
-      fromUser = true;
-      nameStart = kUserPrefix.size();
-    } else if (placeholder.starts_with(kSessionPrefix)) {
-      fromUser = false;
-      nameStart = kSessionPrefix.size();
-    } else {
-      continue;  // matched only thanks to case-insensitivity, e.g. [User_name(x)]
-    }
+  // Each placeholder, in order, replaces every occurrence of its text in the text filled so far.
+  // Where no placeholder text stands again in the outcome (brought in by a value, or formed around
+  // one), that comes to filling every match where it stands, in one pass over the input, and each
+  // placeholder's turn adds (fill - text) bytes per match; otherwise the turns are taken one after
+  // the other, as written.
+  std::size_t size = input.size();
+  bool onePass = true;
+  for (const Placeholder& p : work.placeholders) {
+    if (!p.fill) continue;
+    size = size - p.count * p.text.size() + p.count * p.fill->size();
+    if (size > limit) onePass = false;
+  }
+  if (onePass) {
+    std::string filled = fillEveryMatch(input, work, size);
+    if (!anyStandsIn(filled, work.placeholders)) return filled;
+  }
 
-    // The pattern guarantees "(" after a non-empty name and ")" after a non-empty default; the
-    // checks only keep a surprising match from reading out of bounds.
-    const std::size_t open = placeholder.find('(', nameStart);
-    if (open == std::string_view::npos) continue;
-    const std::size_t close = placeholder.find(')', open);
-    if (close == std::string_view::npos) continue;
-    const std::string_view name = placeholder.substr(nameStart, open - nameStart);
-
-    std::optional<std::string> value;
-    if (auto info = customInfoFor(fromUser)) value = replacementText(klt::valueForKey(*info, name));
-    const std::string_view fill = value ? std::string_view(*value) : placeholder.substr(open + 1, close - open - 1);
-
-    // Each placeholder replaces every occurrence in the text filled so far, including those a
-    // value brought in: a value holding its own placeholder doubles the text at each match, so
-    // the growth is bounded.
-    if (fill == placeholder) continue;  // replacing it by itself changes nothing
-    if (result.find(placeholder) == std::string::npos) continue;
-    if (!replaceAllInto(result, placeholder, fill, limit, work.other)) {
+  std::string result = input;
+  for (const std::size_t index : work.ofMatch) {
+    const Placeholder& p = work.placeholders[index];
+    if (!p.fill || result.find(p.text) == std::string::npos) continue;
+    if (!replaceAllInto(result, p.text, *p.fill, limit, work.other)) {
       std::string().swap(work.other);  // do not keep a buffer this large for the thread
       KLT_LOG_ERROR(kApplyMacroMethod, "Filled text would pass " + std::to_string(limit) +
                                            " bytes; a custom info value repeats a placeholder");
@@ -148,3 +148,78 @@ std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) cons
   }
   return result;
 }
+
+// Below applyMacro(), so that its log sites keep their source lines.
+const KLTRegex* KLTMacroHelper::placeholderPattern() const {
+  // Compiling costs far more than a typical substitution, so it is done once and shared; a failed
+  // compilation is not retried (the pattern is fixed, so it would fail again).
+  std::call_once(compileOnce_, [this] { pattern_ = KLTRegex::compile(kPlaceholderPattern, KLTRegex::kCaseInsensitive); });
+  return pattern_.get();
+}
+
+std::size_t KLTMacroHelper::filledTextLimit(std::size_t inputSize) {
+  std::size_t scaled = 0;
+  return __builtin_mul_overflow(inputSize, kFilledTextGrowth, &scaled) ? SIZE_MAX : std::max(scaled, kFilledTextFloor);
+}
+
+namespace {
+
+// What fills a placeholder: the custom info's value, else its default; nothing when it is written
+// with another letter case (matched thanks to case-insensitivity, e.g. [User_name(x)]) or when it
+// would be replaced by itself.
+std::optional<std::string> fillFor(std::string_view placeholder) {
+  bool fromUser;
+  std::size_t nameStart;
+  if (placeholder.starts_with(kUserPrefix)) {
+    fromUser = true;
+    nameStart = kUserPrefix.size();
+  } else if (placeholder.starts_with(kSessionPrefix)) {
+    fromUser = false;
+    nameStart = kSessionPrefix.size();
+  } else {
+    return std::nullopt;
+  }
+  // The pattern guarantees "(" after a non-empty name and ")" after a non-empty default; the
+  // checks only keep a surprising match from reading out of bounds.
+  const std::size_t open = placeholder.find('(', nameStart);
+  if (open == std::string_view::npos) return std::nullopt;
+  const std::size_t close = placeholder.find(')', open);
+  if (close == std::string_view::npos) return std::nullopt;
+  const std::string_view name = placeholder.substr(nameStart, open - nameStart);
+
+  std::optional<std::string> value;
+  if (auto info = customInfoFor(fromUser)) value = replacementText(klt::valueForKey(*info, name));
+  if (!value) value = std::string(placeholder.substr(open + 1, close - open - 1));
+  if (*value == placeholder) return std::nullopt;
+  return value;
+}
+
+// The input with every match replaced by its placeholder's fill (or left as written), `size` bytes.
+std::string fillEveryMatch(std::string_view input, const Scratch& work, std::size_t size) {
+  std::string result;
+  result.reserve(size);
+  std::size_t done = 0;
+  for (std::size_t i = 0; i < work.matches.size(); ++i) {
+    const KLTRegexMatch& match = work.matches[i];
+    const Placeholder& p = work.placeholders[work.ofMatch[i]];
+    result.append(input, done, match.offset - done);
+    result.append(p.fill ? std::string_view(*p.fill) : p.text);
+    done = match.offset + match.length;
+  }
+  result.append(input, done, std::string::npos);
+  return result;
+}
+
+// Whether the text of a placeholder that is filled stands in `text`.
+bool anyStandsIn(std::string_view text, const std::vector<Placeholder>& placeholders) {
+  for (std::size_t at = text.find('['); at != std::string_view::npos; at = text.find('[', at + 1)) {
+    const std::string_view rest = text.substr(at);
+    if (!rest.starts_with(kUserPrefix) && !rest.starts_with(kSessionPrefix)) continue;
+    for (const Placeholder& p : placeholders) {
+      if (p.fill && rest.starts_with(p.text)) return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace

@@ -16,7 +16,8 @@
 //
 // Thread-safety: applyMacro() may run on any thread, on several at once. Its only shared state is
 // the compiled placeholder pattern, made once on first use (each thread scans with its own
-// matcher and working storage); it reads the host's user and session afresh at every placeholder.
+// matcher and working storage); it reads the host's user and session afresh for each placeholder
+// text of a call (a text written twice is looked up once).
 #pragma once
 
 #include <memory>

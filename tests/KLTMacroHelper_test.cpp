@@ -40,6 +40,8 @@ TEST(KLTMacroHelper, FillsPlaceholders) {
       {"[user_[user_name(x)](c)]", "[user_Ana(c)]", "inner placeholder filled; the outcome is not rescanned"},
       {"[user_later(x)] [user_target(t)]", "T T", "value holding a later placeholder is filled there too"},
       {"[user_first(f)] [user_back(r)]", "F [user_first(f)]", "value holding an earlier one stays"},
+      {"[user_[user_name(x)]b(c)] [user_Anab(c)]", "c c", "a value completing a later placeholder around it"},
+      {"[user_name(x)] [user_n(d)] [user_name(x)]", "Ana 42 Ana", "a placeholder written twice"},
       {"[session_город(Москва)] 🚀 [session_страна(Россия)]", "Санкт-Петербург 🚀 Россия", "Cyrillic value and default around an emoji"},
       {"\xF0\x9F\x99[user_name(x)]\xC0\xAF", "\xF0\x9F\x99" "Ana\xC0\xAF", "truncated emoji before, overlong after"},
       {"[user_bad(x)]!", "\xFE\xFF!", "invalid value inserted verbatim"},
