@@ -7,7 +7,6 @@
 #include <unicode/utf8.h>
 
 #include <atomic>
-#include <bit>
 #include <cstring>
 
 namespace {
@@ -90,6 +89,11 @@ bool toUtf16(std::string_view utf8, std::u16string& out) {
   return false;
 }
 
+// How many bytes of a word have their high bit set in `marks` (only high bits set): a sum of the
+// eight lanes by one multiplication, where std::popcount would be a library call on processors
+// the build does not assume to count bits.
+int bytesMarked(uint64_t marks) { return static_cast<int>(((marks >> 7) * 0x0101010101010101ull) >> 56); }
+
 // Walks the UTF-8 text forward in step with its UTF-16 form, so that UTF-16 positions of matches
 // (found in increasing order) turn into byte offsets in one pass over the text.
 class OffsetMap {
@@ -108,7 +112,7 @@ class OffsetMap {
         constexpr uint64_t kHigh = 0x8080808080808080ull;
         const uint64_t continuation = w & kHigh & ~(w << 1);            // 10xxxxxx
         const uint64_t fourByteLead = w & (w << 1) & (w << 2) & (w << 3) & kHigh;  // 1111xxxx
-        const int units = 8 - std::popcount(continuation) + std::popcount(fourByteLead);
+        const int units = 8 - bytesMarked(continuation) + bytesMarked(fourByteLead);
         if (unit_ + units >= unit) break;
         unit_ += units;
         byte_ += 8;
