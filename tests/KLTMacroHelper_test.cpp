@@ -81,15 +81,20 @@ TEST(KLTMacroHelper, SelfRepeatingValueFillsExactlyUpToTheBound) {
   ASSERT_EQ(host.log().lines().size(), 1u);
   EXPECT_EQ(host.log().lines()[0].rfind("<KLT ERROR> Filled text would pass 1048576 bytes", 0), 0u);
   // A fill of exactly the bound is kept; one byte more, in the value or in the text after it, is not.
+  // Likewise for a value that begins with its own placeholder (filled turn by turn).
   constexpr std::size_t kBound = std::size_t{1} << 20;
   const struct {
     std::size_t valueSize;
     const char* text;
     bool kept;
-  } rows[] = {{kBound, "[user_big(x)]", true}, {kBound + 1, "[user_big(x)]", false}, {kBound - 2, "[user_big(x)]tail", false}};
+    bool repeats;
+  } rows[] = {{kBound, "[user_big(x)]", true, false},      {kBound + 1, "[user_big(x)]", false, false},
+              {kBound - 2, "[user_big(x)]tail", false, false}, {kBound, "[user_big(x)]", true, true},
+              {kBound - 4, "[user_big(x)]tail", true, true},   {kBound - 3, "[user_big(x)]tail", false, true}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(std::to_string(row.valueSize) + " " + row.text);
-    host.controller().user()->setCustomInfoValue("big", std::string(row.valueSize, 'a'));
+    SCOPED_TRACE(std::to_string(row.valueSize) + " " + row.text + (row.repeats ? " repeating" : ""));
+    const std::string head = row.repeats ? "[user_big(x)]" : "";
+    host.controller().user()->setCustomInfoValue("big", head + std::string(row.valueSize - head.size(), 'a'));
     EXPECT_EQ(helper.applyMacro(row.text).has_value(), row.kept);
   }
 }

@@ -93,6 +93,7 @@ TEST(KLTValue, DecimalTextsOutOfRange) {
       {"0.1e400", kInf}, {"9e309", kInf}, {"2.5", 2.5}, {" +7e2", 700.0},
       // Leading zeros are not digits of the magnitude, before or after the point.
       {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
+      {"1" + std::string(400, '0'), kInf},  // too large by its digits alone
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.text);
