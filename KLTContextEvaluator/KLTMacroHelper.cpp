@@ -210,13 +210,14 @@ std::string fillEveryMatch(std::string_view input, const Scratch& work, std::siz
   return result;
 }
 
-// Whether the text of a placeholder that is filled stands in `text`.
+// Whether the text of a placeholder of the input stands in `text` (a placeholder that fills itself
+// is counted too: it only sends the rare text holding it the longer way).
 bool anyStandsIn(std::string_view text, const std::vector<Placeholder>& placeholders) {
   for (std::size_t at = text.find('['); at != std::string_view::npos; at = text.find('[', at + 1)) {
     const std::string_view rest = text.substr(at);
     if (!rest.starts_with(kUserPrefix) && !rest.starts_with(kSessionPrefix)) continue;
     for (const Placeholder& p : placeholders) {
-      if (p.fill && rest.starts_with(p.text)) return true;
+      if (rest.starts_with(p.text)) return true;
     }
   }
   return false;
