@@ -109,6 +109,7 @@ TEST(KLTCEUtility, Checks) {
       {Dictionary, R"({"m":{"a":"1"},"t":"y"})", R"({"t":"x","m":{"a":"1"}})", "null", false},
       {Dictionary, R"({"m":{"n":{"k":"v"}}})", R"({"m":{"n":{"k":"w"}}})", "null", false},
       {Dictionary, R"({"m":"text"})", R"({"m":{"a":"1"}})", "null", false},
+      {Dictionary, R"({"m":{"a":"1"},"t":"y"})", R"({"m":"text","t":"x"})", "null", false},  // passed over, not descended
       {Dictionary, "[]", R"({"k":"v"})", "null", false},
   };
   for (const Row& r : rows) {

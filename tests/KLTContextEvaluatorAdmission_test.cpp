@@ -11,6 +11,7 @@
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "platform/KLTDrainedSerialQueue.h"
+#include "platform/KLTThreadSerialQueue.h"
 #include "host/KLTController.h"
 #include "host/KLTUtilities.h"
 #include "platform/KLTBundle.h"
@@ -205,9 +206,13 @@ TEST(KLTContextEvaluator, OnlyAListOfConfigsBuildsItems) {
 }
 
 // The engine's queue is chosen once, before the engine's first use; a null queue is never taken.
+// The answer says whether the engine then runs on the queue (it does in a process of its own).
 TEST(KLTContextEvaluator, QueueIsChosenOnlyBeforeFirstUse) {
   EXPECT_FALSE(KLTContextEvaluator::useSerialQueue(nullptr));
+  auto chosen = std::make_shared<KLTThreadSerialQueue>("chosen");
+  const bool took = KLTContextEvaluator::useSerialQueue(chosen);
   auto& evaluator = KLTContextEvaluator::sharedInstance();
+  EXPECT_EQ(evaluator.ceOpsSerialQueue() == chosen, took);
   auto late = std::make_shared<KLTDrainedSerialQueue>("late");
   EXPECT_FALSE(KLTContextEvaluator::useSerialQueue(late));
   EXPECT_NE(evaluator.ceOpsSerialQueue(), late);
