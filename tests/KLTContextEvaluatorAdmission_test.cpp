@@ -23,7 +23,7 @@ namespace {
 // The only test here that depends on running first in its process (ctest runs every test in a
 // process of its own; run directly, this one comes first by declaration order): the instance is
 // created by several threads racing for it, and the start-up line is logged once.
-TEST(KLTContextEvaluator, SharedInstanceIsOneObjectAndLogsItsStartUpOnce) {
+TEST(KLTContextEvaluator, SharedInstanceIsOneObjectLogsItsStartUpOnceAndRefusesStartAndStop) {
   KLTScopedLogCapture capture(4);  // INFO lines pass at every level
   std::vector<KLTContextEvaluator*> seen(8, nullptr);
   std::vector<std::thread> threads;
@@ -35,6 +35,9 @@ TEST(KLTContextEvaluator, SharedInstanceIsOneObjectAndLogsItsStartUpOnce) {
   const auto lines = capture.log().lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("<KLT INFO> CE Plugin (128) - Initialized -[KLTContextEvaluator init]:", 0), 0u) << lines[0];
+  // The plug-in operations change nothing, and the host reads start and stop as refused.
+  KLTContextEvaluator::sharedInstance().initialize(KLTValue{{"any", 1}});
+  EXPECT_FALSE(KLTContextEvaluator::sharedInstance().start() || KLTContextEvaluator::sharedInstance().stop());
 }
 
 KLTValue J(const std::string& text) { return KLTValue::parse(text); }
