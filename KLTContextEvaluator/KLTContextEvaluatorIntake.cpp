@@ -40,15 +40,10 @@ void KLTContextEvaluator::parseTask(KLTValue& document) {
     }
     // A new item replaces the stored one; the old one stays registered with the host.
     auto item = KLTCEConfigItem::create(released);
-    if (const std::string* key = klt::stringPtr(id)) {
-      auto it = _configuration.find(*key);
-      if (it != _configuration.end()) retiredItems.push_back(std::move(it->second));
-      if (item) {
-        _configuration[*key] = std::move(item);
-      } else if (it != _configuration.end()) {
-        _configuration.erase(it);
-      }
-    }
+    if (!item) continue;  // no text _id: nothing is built or stored
+    std::shared_ptr<KLTCEConfigItem>& stored = _configuration[item->identifier()];
+    if (stored) retiredItems.push_back(std::move(stored));
+    stored = std::move(item);
   }
 }
 
