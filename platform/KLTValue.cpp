@@ -21,7 +21,29 @@ const KLTValue& nullValue() {
   return kNull;
 }
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+constexpr std::string_view kSpaces = " \t\n\r\f\v";
+constexpr std::string_view kDigits = "0123456789";
+// Far beyond any decimal position a text can hold, and far from overflowing when one is added.
+constexpr int64_t kExponentCap = 1'000'000'000'000'000'000;
+
+// Drops the leading characters of text that are in set.
+void skipAll(std::string_view& text, std::string_view set) {
+  text.remove_prefix(std::min(text.find_first_not_of(set), text.size()));
+}
+
+// Drops c when text starts with it, and answers whether it did.
+bool skipOne(std::string_view& text, char c) {
+  if (!text.starts_with(c)) return false;
+  text.remove_prefix(1);
+  return true;
+}
+
+// Takes the leading run of decimal digits off text and answers it.
+std::string_view takeDigits(std::string_view& text) {
+  const std::string_view digits = text.substr(0, text.find_first_not_of(kDigits));
+  text.remove_prefix(digits.size());
+  return digits;
+}
 
 // Truncates toward zero and clamps to [lo, hi]; NaN reads 0.
 template <typename Int>
@@ -35,36 +57,27 @@ Int clampDouble(double d) {
   return static_cast<Int>(std::trunc(d));
 }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
 // from_chars reports a decimal number beyond the double range as out of range whether it is too
 // large or too small; the decimal exponent of its first significant digit tells which.
-// number is the non-empty text from_chars consumed.
+// number is the non-empty text from_chars consumed: minus sign, digits, fraction, exponent.
 bool decimalOverflows(std::string_view number) {
-  std::size_t i = number.front() == '-' || number.front() == '+' ? 1 : 0;
-  int64_t integerDigits = 0, fractionZeros = 0;
-  bool significant = false;
-  for (; i < number.size() && isDigit(number[i]); ++i) {
-    significant = significant || number[i] != '0';
-    if (significant) ++integerDigits;
-  }
-  if (i < number.size() && number[i] == '.') {
-    for (++i; i < number.size() && isDigit(number[i]); ++i) {
-      significant = significant || number[i] != '0';
-      if (!significant) ++fractionZeros;
-    }
-  }
+  skipOne(number, '-');
+  std::string_view integer = takeDigits(number);
+  std::string_view fraction = skipOne(number, '.') ? takeDigits(number) : std::string_view();
+  skipAll(integer, "0");
+  const std::size_t fractionZeros = std::min(fraction.find_first_not_of('0'), fraction.size());
+  // "123" stands at 3, "0.5" at 0, "0.005" at -2.
+  const int64_t position = !integer.empty() ? static_cast<int64_t>(integer.size()) : -static_cast<int64_t>(fractionZeros);
   int64_t exponent = 0;
-  if (i < number.size() && (number[i] == 'e' || number[i] == 'E')) {
-    ++i;
-    bool negative = false;
-    if (i < number.size() && (number[i] == '-' || number[i] == '+')) negative = number[i++] == '-';
-    for (; i < number.size() && isDigit(number[i]); ++i) {
-      if (exponent < 1'000'000'000) exponent = exponent * 10 + (number[i] - '0');
+  if (skipOne(number, 'e') || skipOne(number, 'E')) {
+    skipOne(number, '+');
+    const char* end = number.data() + number.size();
+    // An exponent beyond 64 bits outweighs any position a text can hold.
+    if (std::from_chars(number.data(), end, exponent).ec != std::errc()) {
+      exponent = number.starts_with('-') ? -kExponentCap : kExponentCap;
     }
-    if (negative) exponent = -exponent;
   }
-  return (integerDigits > 0 ? integerDigits : -fractionZeros) + exponent > 0;
+  return position + exponent > 0;
 }
 
 }  // namespace
@@ -80,26 +93,14 @@ bool isDate(const KLTValue& v) {
 }
 
 int64_t parseInteger(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size() && isSpace(text[i])) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  // Accumulate as a negative number so that INT64_MIN is reachable without overflow.
-  int64_t acc = 0;
-  bool overflow = false;
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
-    const int digit = text[i] - '0';
-    if (!overflow) {
-      if (acc < (std::numeric_limits<int64_t>::min() + digit) / 10) {
-        overflow = true;
-      } else {
-        acc = acc * 10 - digit;
-      }
-    }
+  skipAll(text, kSpaces);
+  // from_chars reads a minus sign but not a plus: a plus is dropped, and a minus after it reads 0.
+  if (skipOne(text, '+') && text.starts_with('-')) return 0;
+  int64_t out = 0;
+  if (std::from_chars(text.data(), text.data() + text.size(), out).ec == std::errc::result_out_of_range) {
+    return text.starts_with('-') ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
   }
-  if (overflow) return negative ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
-  if (negative) return acc;
-  return acc == std::numeric_limits<int64_t>::min() ? std::numeric_limits<int64_t>::max() : -acc;
+  return out;
 }
 
 int32_t parseInt32(std::string_view text) {
@@ -148,21 +149,15 @@ double doubleValue(const KLTValue& v) {
     case KLTValue::value_t::number_float:
       return v.get<double>();
     case KLTValue::value_t::string: {
-      const std::string& s = v.get_ref<const std::string&>();
-      std::size_t i = 0;
-      while (i < s.size() && isSpace(s[i])) ++i;
-      if (i < s.size() && s[i] == '+') {
-        ++i;
-        if (i < s.size() && s[i] == '-') return 0.0;  // one sign only
-      }
+      std::string_view s = v.get_ref<const std::string&>();
+      skipAll(s, kSpaces);
+      if (skipOne(s, '+') && s.starts_with('-')) return 0.0;  // one sign only
       double out = 0.0;
-      const auto res = std::from_chars(s.data() + i, s.data() + s.size(), out, std::chars_format::general);
+      const auto res = std::from_chars(s.data(), s.data() + s.size(), out, std::chars_format::general);
       if (res.ec == std::errc::result_out_of_range) {
-        const bool negative = i < s.size() && s[i] == '-';
-        if (!decimalOverflows(std::string_view(s.data() + i, static_cast<std::size_t>(res.ptr - (s.data() + i))))) {
-          return negative ? -0.0 : 0.0;
-        }
-        return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+        const std::string_view number(s.data(), static_cast<std::size_t>(res.ptr - s.data()));
+        const double magnitude = decimalOverflows(number) ? std::numeric_limits<double>::infinity() : 0.0;
+        return s.starts_with('-') ? -magnitude : magnitude;
       }
       return res.ec == std::errc() ? out : 0.0;
     }
@@ -176,14 +171,12 @@ bool boolValue(const KLTValue& v) {
   if (v.is_number_integer()) return v.get<int64_t>() != 0;  // covers unsigned too
   if (v.is_number_float()) return v.get<double>() != 0.0;
   if (!v.is_string()) return false;
-  const std::string& s = v.get_ref<const std::string&>();
-  std::size_t i = 0;
-  while (i < s.size() && isSpace(s[i])) ++i;
-  if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
-  while (i < s.size() && s[i] == '0') ++i;
-  if (i >= s.size()) return false;
-  const char c = s[i];
-  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+  std::string_view s = v.get_ref<const std::string&>();
+  skipAll(s, kSpaces);
+  if (!skipOne(s, '+')) skipOne(s, '-');
+  skipAll(s, "0");
+  // Yes, true, or a number that does not start with zero.
+  return s.find_first_of("YyTt123456789") == 0;
 }
 
 namespace {

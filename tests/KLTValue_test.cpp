@@ -95,6 +95,7 @@ TEST(KLTValue, DecimalTextsOutOfRange) {
       {std::string(500, '0') + "1e-400", 0.0}, {"0." + std::string(400, '0') + "1e50", 0.0},
       {"1" + std::string(400, '0'), kInf},  // too large by its digits alone
       {"0." + std::string(501, '1') + "e400", kInf},  // only leading zeros of a fraction lower the magnitude
+      {"1e" + std::string(30, '9'), kInf}, {"-1e-" + std::string(30, '9'), -0.0},  // exponents past 64 bits
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.text);
