@@ -39,36 +39,22 @@ std::shared_ptr<const KLTValue> customInfoFor(bool user) {
   return s ? s->customInfo() : nullptr;
 }
 
-// `text` with every occurrence of `from` (non-empty) replaced by `to`, scanning left to right
-// without rescanning what was put in, written into `out`. False, with `out` unspecified, when the
-// result would pass `limit` bytes.
-bool replaceAllInto(std::string_view text, std::string_view from, std::string_view to, std::size_t limit,
-                    std::string& out) {
-  out.clear();
-  std::size_t done = 0;
-  for (std::size_t at = text.find(from); at != std::string_view::npos; at = text.find(from, done)) {
-    if (out.size() + (at - done) + to.size() > limit) return false;
-    out.append(text, done, at - done);
-    out.append(to);
-    done = at + from.size();
-  }
-  if (out.size() + (text.size() - done) > limit) return false;
-  out.append(text, done, std::string_view::npos);
-  return true;
-}
-
-// A placeholder text of the input: what fills it (none: it stays as written) and how often it stands.
+// A placeholder text of the input: what fills it (none: it stays as written) and the bytes its turn adds.
 struct Placeholder {
   std::string_view text;
   std::optional<std::string> fill;
-  std::size_t count = 0;
+  std::ptrdiff_t growth = 0;
+};
+
+struct Found {  // a match of the input and its entry in the placeholders
+  std::size_t offset, length, placeholder;
 };
 
 // The calling thread's working storage, reused from call to call.
 struct Scratch {
   std::vector<KLTRegexMatch> matches;
   std::vector<Placeholder> placeholders;  // each text once, in order of first appearance
-  std::vector<std::size_t> ofMatch;       // for each match, its entry in placeholders
+  std::vector<Found> found;               // the matches, in order
   std::string other;
 };
 
@@ -77,9 +63,23 @@ Scratch& scratch() {
   return s;
 }
 
+// Where the text of a placeholder of the input first stands in `text`, npos where none does (a
+// placeholder that fills itself is counted too: it only sends the rare text holding it the longer way).
+std::size_t firstStanding(std::string_view text, const std::vector<Placeholder>& placeholders) {
+  for (std::size_t at = text.find('['); at != std::string_view::npos; at = text.find('[', at + 1)) {
+    const std::string_view rest = text.substr(at);
+    if (!rest.starts_with(kUserPrefix) && !rest.starts_with(kSessionPrefix)) continue;
+    for (const Placeholder& p : placeholders) {
+      if (rest.starts_with(p.text)) return at;
+    }
+  }
+  return std::string_view::npos;
+}
+
 std::optional<std::string> fillFor(std::string_view placeholder);
 std::string fillEveryMatch(std::string_view input, const Scratch& work, std::size_t size);
-bool anyStandsIn(std::string_view text, const std::vector<Placeholder>& placeholders);
+bool replaceAllInto(std::string_view text, std::string_view from, std::string_view to, std::size_t limit, std::string& out);
+bool passes(std::size_t size, std::size_t limit);
 }  // namespace
 
 KLTMacroHelper::KLTMacroHelper() = default;
@@ -108,35 +108,35 @@ std::optional<std::string> KLTMacroHelper::applyMacro(const KLTValue& text) cons
   // Each placeholder text is looked up once, at its first match: the host's user and session are
   // asked for afresh at each.
   work.placeholders.clear();
-  work.ofMatch.clear();
+  work.found.clear();
   for (const KLTRegexMatch& match : work.matches) {
-    const std::string_view found = std::string_view(input).substr(match.offset, match.length);
-    auto it = std::find_if(work.placeholders.begin(), work.placeholders.end(), [&](const Placeholder& p) { return p.text == found; });
-    if (it == work.placeholders.end()) it = work.placeholders.insert(it, Placeholder{found, fillFor(found)});
-    ++it->count;
-    work.ofMatch.push_back(static_cast<std::size_t>(it - work.placeholders.begin()));
+    const std::string_view written = std::string_view(input).substr(match.offset, match.length);
+    auto it = std::find_if(work.placeholders.begin(), work.placeholders.end(), [&](const Placeholder& p) { return p.text == written; });
+    if (it == work.placeholders.end()) it = work.placeholders.insert(it, Placeholder{written, fillFor(written)});
+    if (it->fill) it->growth += static_cast<std::ptrdiff_t>(it->fill->size()) - static_cast<std::ptrdiff_t>(written.size());
+    work.found.push_back({match.offset, match.length, static_cast<std::size_t>(it - work.placeholders.begin())});
   }
 
   // Each placeholder, in order, replaces every occurrence of its text in the text filled so far.
   // Where no placeholder text stands again in the outcome (brought in by a value, or formed around
   // one), that comes to filling every match where it stands, in one pass over the input, and each
-  // placeholder's turn adds (fill - text) bytes per match; otherwise the turns are taken one after
-  // the other, as written.
-  std::size_t size = input.size();
-  bool onePass = true;
+  // placeholder's turn changes the size by its growth; otherwise the turns are taken one after
+  // the other, as written. Either way no turn may pass the limit.
+  std::ptrdiff_t size = static_cast<std::ptrdiff_t>(input.size());
+  std::ptrdiff_t largest = size;
   for (const Placeholder& p : work.placeholders) {
-    if (!p.fill) continue;
-    size = size - p.count * p.text.size() + p.count * p.fill->size();
-    if (size > limit) onePass = false;
+    size += p.growth;
+    largest = std::max(largest, size);
   }
-  if (onePass) {
-    std::string filled = fillEveryMatch(input, work, size);
-    if (!anyStandsIn(filled, work.placeholders)) return filled;
+  if (!passes(static_cast<std::size_t>(largest), limit)) {
+    std::string filled = fillEveryMatch(input, work, static_cast<std::size_t>(size));
+    if (firstStanding(filled, work.placeholders) == std::string_view::npos) return filled;
   }
 
+  // Turn by turn: a value may bring in, or complete, a placeholder a later turn fills.
   std::string result = input;
-  for (const std::size_t index : work.ofMatch) {
-    const Placeholder& p = work.placeholders[index];
+  for (const Found& f : work.found) {
+    const Placeholder& p = work.placeholders[f.placeholder];
     if (!p.fill || result.find(p.text) == std::string::npos) continue;
     if (!replaceAllInto(result, p.text, *p.fill, limit, work.other)) {
       std::string().swap(work.other);  // do not keep a buffer this large for the thread
@@ -199,28 +199,36 @@ std::string fillEveryMatch(std::string_view input, const Scratch& work, std::siz
   std::string result;
   result.reserve(size);
   std::size_t done = 0;
-  for (std::size_t i = 0; i < work.matches.size(); ++i) {
-    const KLTRegexMatch& match = work.matches[i];
-    const Placeholder& p = work.placeholders[work.ofMatch[i]];
-    result.append(input, done, match.offset - done);
+  for (const Found& f : work.found) {
+    const Placeholder& p = work.placeholders[f.placeholder];
+    result.append(input, done, f.offset - done);
     result.append(p.fill ? std::string_view(*p.fill) : p.text);
-    done = match.offset + match.length;
+    done = f.offset + f.length;
   }
   result.append(input, done, std::string::npos);
   return result;
 }
 
-// Whether the text of a placeholder of the input stands in `text` (a placeholder that fills itself
-// is counted too: it only sends the rare text holding it the longer way).
-bool anyStandsIn(std::string_view text, const std::vector<Placeholder>& placeholders) {
-  for (std::size_t at = text.find('['); at != std::string_view::npos; at = text.find('[', at + 1)) {
-    const std::string_view rest = text.substr(at);
-    if (!rest.starts_with(kUserPrefix) && !rest.starts_with(kSessionPrefix)) continue;
-    for (const Placeholder& p : placeholders) {
-      if (rest.starts_with(p.text)) return true;
-    }
+// `text` with every occurrence of `from` (non-empty) replaced by `to`, scanning left to right
+// without rescanning what was put in, written into `out`. False, with `out` unspecified, when the
+// result would pass `limit` bytes.
+
+bool replaceAllInto(std::string_view text, std::string_view from, std::string_view to, std::size_t limit,
+                    std::string& out) {
+  out.clear();
+  std::size_t done = 0;
+  for (std::size_t at = text.find(from); at != std::string_view::npos; at = text.find(from, done)) {
+    if (passes(out.size() + (at - done) + to.size(), limit)) return false;
+    out.append(text, done, at - done);
+    out.append(to);
+    done = at + from.size();
   }
-  return false;
+  if (passes(out.size() + (text.size() - done), limit)) return false;
+  out.append(text, done, std::string_view::npos);
+  return true;
 }
+
+// Whether a filled text of `size` bytes passes `limit`.
+bool passes(std::size_t size, std::size_t limit) { return size > limit; }
 
 }  // namespace
