@@ -161,11 +161,16 @@ void KLTCETimeLimits::parseTime(const KLTValue& text, int64_t& hour, int64_t& mi
   if (s == nullptr) return;
   const std::size_t colon = s->find(':');
   if (colon == std::string::npos) return;
-  // Pieces beyond the second are ignored, so the minute piece ends at the next colon.
-  const std::size_t next = s->find(':', colon + 1);
+  // Pieces beyond the second are ignored: a number is read only up to the first character that is
+  // not part of it, and a colon never is.
   const std::string_view all(*s);
   hour = klt::parseInteger(all.substr(0, colon));
-  minute = klt::parseInteger(all.substr(colon + 1, next == std::string::npos ? std::string_view::npos : next - colon - 1));
+  minute = klt::parseInteger(all.substr(colon + 1));
+}
+
+void KLTCEFrequency::setRecord(const std::string& identifier, KLTValue record) {
+  _frequencyConfig.set(identifier, std::move(record));
+  _checked.reset();
 }
 
 bool KLTCETimeLimits::currentTimeBetweenLimits() const {
@@ -174,22 +179,11 @@ bool KLTCETimeLimits::currentTimeBetweenLimits() const {
   const int64_t m = local.minute;
   // The window is start <= now < end on (hour, minute) pairs, with no wrap over midnight: a window
   // whose end lies before its start contains no time at all.
-  bool inside;
-  if (_startTimeHour > h || (_startTimeHour == h && _startTimeMin > m)) {
-    inside = false;
-  } else if (_endTimeHour != h) {
-    inside = _endTimeHour > h;
-  } else {
-    inside = _endTimeMin > m;
-  }
+  const bool started = _startTimeHour < h || (_startTimeHour == h && _startTimeMin <= m);
+  const bool ended = _endTimeHour < h || (_endTimeHour == h && _endTimeMin <= m);
+  const bool inside = started && !ended;
   if (!inside) KLT_LOG_DEBUG(kTimeLimitsMethod, "Doesn't fall in between given time limits");
   return inside;
-}
-
-// Below the log sites, so that their source lines stay as they are.
-void KLTCEFrequency::setRecord(const std::string& identifier, KLTValue record) {
-  _frequencyConfig.set(identifier, std::move(record));
-  _checked.reset();
 }
 
 KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record) {
