@@ -50,43 +50,38 @@ ThreadMatchers& threadMatchers() {
   return matchers;
 }
 
-// UTF-8 to UTF-16, each ill-formed sequence (as U8_NEXT delimits it) becoming one U+FFFD.
-void toUtf16Substituting(std::string_view utf8, std::u16string& out) {
+// UTF-8 to UTF-16 into out, each ill-formed sequence (as U8_NEXT delimits it) becoming one U+FFFD;
+// true when there was none. Runs of ASCII, the bulk of most texts, are widened a word at a time.
+bool toUtf16(std::string_view utf8, std::u16string& out) {
   out.resize(utf8.size());  // never more UTF-16 units than UTF-8 bytes
   const auto* s = reinterpret_cast<const uint8_t*>(utf8.data());
   const auto length = static_cast<int32_t>(utf8.size());
+  char16_t* units = out.data();
   int32_t i = 0;
   std::size_t n = 0;
+  bool wellFormed = true;
   while (i < length) {
+    for (uint64_t w; i + 8 <= length; i += 8, n += 8) {
+      std::memcpy(&w, s + i, 8);
+      if (w & 0x8080808080808080ull) break;
+      for (int k = 0; k < 8; ++k) units[n + k] = s[i + k];
+    }
+    if (i == length) break;
     UChar32 c;
     U8_NEXT(s, i, length, c);
-    if (c < 0) c = 0xFFFD;
+    if (c < 0) {
+      c = 0xFFFD;
+      wellFormed = false;
+    }
     if (c <= 0xFFFF) {
-      out[n++] = static_cast<char16_t>(c);
+      units[n++] = static_cast<char16_t>(c);
     } else {
-      out[n++] = static_cast<char16_t>(U16_LEAD(c));
-      out[n++] = static_cast<char16_t>(U16_TRAIL(c));
+      units[n++] = static_cast<char16_t>(U16_LEAD(c));
+      units[n++] = static_cast<char16_t>(U16_TRAIL(c));
     }
   }
   out.resize(n);
-}
-
-// UTF-8 to UTF-16 into out; true when the text was well-formed (the common case, converted by
-// ICU's fast path), false when it held ill-formed sequences (then converted by the walk above, so
-// that OffsetMap's walk agrees with it).
-bool toUtf16(std::string_view utf8, std::u16string& out) {
-  out.resize(utf8.size());
-  int32_t length = 0;
-  int32_t substitutions = 0;
-  UErrorCode status = U_ZERO_ERROR;
-  u_strFromUTF8WithSub(reinterpret_cast<UChar*>(out.data()), static_cast<int32_t>(out.size()), &length, utf8.data(),
-                       static_cast<int32_t>(utf8.size()), 0xFFFD, &substitutions, &status);
-  if (U_SUCCESS(status) && substitutions == 0) {
-    out.resize(static_cast<std::size_t>(length));
-    return true;
-  }
-  toUtf16Substituting(utf8, out);
-  return false;
+  return wellFormed;
 }
 
 // How many bytes of a word have their high bit set in `marks` (only high bits set): a sum of the
