@@ -250,7 +250,7 @@ bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& o
   // keep scanning past a component that went against them; a scan that runs past the application's
   // last component has no defined outcome and yields false.
   for (std::size_t i = 0; i < g.size(); ++i) {
-    if (i >= a.size()) return false;
+    if (i == a.size()) return false;
     const int32_t av = klt::parseInt32(a[i]);
     const int32_t gv = klt::parseInt32(g[i]);
     switch (word) {
