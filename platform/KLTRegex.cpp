@@ -1,17 +1,27 @@
 #include "platform/KLTRegex.h"
 
 #include <unicode/uregex.h>
-#include <unicode/ustring.h>
 #include <unicode/utext.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
 #include <atomic>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cstring>
 
 namespace {
 
 std::atomic<uint64_t> nextPatternId{1};
+
+// Where a character that is not ASCII ends: its end in UTF-16 units and in bytes, and whether it
+// took two units. Between two of these (or from the start), text is ASCII, one unit per byte.
+struct WideEnd {
+  int32_t unit;
+  int32_t byte;
+  bool pair;
+};
 
 // The calling thread's matchers, one per pattern it has used, and its scan buffer. A clone shares
 // the compiled pattern (reference-counted by ICU), so it stays usable after the original goes.
@@ -22,6 +32,7 @@ struct ThreadMatchers {
   };
   std::vector<Entry> entries;
   std::u16string text;
+  std::vector<WideEnd> ends;
 
   ThreadMatchers() = default;
   ThreadMatchers(const ThreadMatchers&) = delete;
@@ -50,88 +61,74 @@ ThreadMatchers& threadMatchers() {
   return matchers;
 }
 
-// UTF-8 to UTF-16 into out, each ill-formed sequence (as U8_NEXT delimits it) becoming one U+FFFD;
-// true when there was none. Runs of ASCII, the bulk of most texts, are widened a word at a time.
-bool toUtf16(std::string_view utf8, std::u16string& out) {
+// Widens the run of ASCII that starts at s[i] into units[n] (n moves along) and answers where the
+// run ends: at a byte with its high bit set, or at the end. units has room for one unit per byte
+// of s, so a block may be stored whole even where the run ends inside it.
+int32_t widenAscii(const uint8_t* s, int32_t i, int32_t length, char16_t* units, int32_t& n) {
+#if defined(__SSE2__)
+  const __m128i zero = _mm_setzero_si128();
+  while (i + 16 <= length) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units + n), _mm_unpacklo_epi8(bytes, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units + n + 8), _mm_unpackhi_epi8(bytes, zero));
+    if (const int high = _mm_movemask_epi8(bytes)) {
+      const int ascii = __builtin_ctz(static_cast<unsigned>(high));
+      n += ascii;
+      return i + ascii;
+    }
+    i += 16;
+    n += 16;
+  }
+#endif
+  while (i < length && s[i] < 0x80) units[n++] = s[i++];
+  return i;
+}
+
+// UTF-8 to UTF-16 into out, each ill-formed sequence (as U8_NEXT delimits it) becoming one U+FFFD,
+// with the end of every character that is not ASCII in ends. Runs of ASCII, the bulk of most
+// texts, are widened a word at a time.
+void toUtf16(std::string_view utf8, std::u16string& out, std::vector<WideEnd>& ends) {
   out.resize(utf8.size());  // never more UTF-16 units than UTF-8 bytes
+  ends.clear();
   const auto* s = reinterpret_cast<const uint8_t*>(utf8.data());
   const auto length = static_cast<int32_t>(utf8.size());
   char16_t* units = out.data();
   int32_t i = 0;
-  std::size_t n = 0;
-  bool wellFormed = true;
+  int32_t n = 0;
   while (i < length) {
-    for (uint64_t w; i + 8 <= length; i += 8, n += 8) {
-      std::memcpy(&w, s + i, 8);
-      if (w & 0x8080808080808080ull) break;
-      for (int k = 0; k < 8; ++k) units[n + k] = s[i + k];
-    }
+    i = widenAscii(s, i, length, units, n);
     if (i == length) break;
     UChar32 c;
     U8_NEXT(s, i, length, c);
-    if (c < 0) {
-      c = 0xFFFD;
-      wellFormed = false;
-    }
-    if (c <= 0xFFFF) {
-      units[n++] = static_cast<char16_t>(c);
-    } else {
+    if (c < 0) c = 0xFFFD;
+    const bool pair = c > 0xFFFF;
+    if (pair) {
       units[n++] = static_cast<char16_t>(U16_LEAD(c));
       units[n++] = static_cast<char16_t>(U16_TRAIL(c));
+    } else {
+      units[n++] = static_cast<char16_t>(c);
     }
+    ends.push_back({n, i, pair});
   }
-  out.resize(n);
-  return wellFormed;
+  out.resize(static_cast<std::size_t>(n));
 }
 
-// How many bytes of a word have their high bit set in `marks` (only high bits set): a sum of the
-// eight lanes by one multiplication, where std::popcount would be a library call on processors
-// the build does not assume to count bits.
-int bytesMarked(uint64_t marks) { return static_cast<int>(((marks >> 7) * 0x0101010101010101ull) >> 56); }
-
-// Walks the UTF-8 text forward in step with its UTF-16 form, so that UTF-16 positions of matches
-// (found in increasing order) turn into byte offsets in one pass over the text.
+// Turns UTF-16 positions of matches, asked for in increasing order, into byte offsets, walking
+// the ends of the characters that are not ASCII once. A position inside a character (between the
+// two units of a pair) is taken to its end.
 class OffsetMap {
  public:
-  OffsetMap(std::string_view utf8, bool wellFormed)
-      : s_(reinterpret_cast<const uint8_t*>(utf8.data())), length_(static_cast<int32_t>(utf8.size())),
-        wellFormed_(wellFormed) {}
+  explicit OffsetMap(const std::vector<WideEnd>& ends) : ends_(ends) {}
   std::size_t byteOffset(int32_t unit) {
-    if (wellFormed_) {
-      // Well-formed: every byte but a continuation byte starts a character, of two UTF-16 units
-      // when it leads four bytes. Whole words of 8 bytes are counted at once while they stay
-      // short of the target; the boundary is then reached at the next lead byte (or the end).
-      while (byte_ + 8 <= length_) {
-        uint64_t w;
-        std::memcpy(&w, s_ + byte_, 8);
-        constexpr uint64_t kHigh = 0x8080808080808080ull;
-        const uint64_t continuation = w & kHigh & ~(w << 1);            // 10xxxxxx
-        const uint64_t fourByteLead = w & (w << 1) & (w << 2) & (w << 3) & kHigh;  // 1111xxxx
-        const int units = 8 - bytesMarked(continuation) + bytesMarked(fourByteLead);
-        if (unit_ + units >= unit) break;
-        unit_ += units;
-        byte_ += 8;
-      }
-      while (byte_ < length_ && (unit_ < unit || (s_[byte_] & 0xC0) == 0x80)) {
-        const uint8_t b = s_[byte_++];
-        unit_ += ((b & 0xC0) != 0x80) + (b >= 0xF0);
-      }
-      return static_cast<std::size_t>(byte_);
-    }
-    while (unit_ < unit && byte_ < length_) {
-      UChar32 c;
-      U8_NEXT(s_, byte_, length_, c);
-      unit_ += (c > 0xFFFF) ? 2 : 1;
-    }
-    return static_cast<std::size_t>(byte_);
+    while (next_ < ends_.size() && ends_[next_].unit <= unit) base_ = ends_[next_++];
+    if (next_ < ends_.size() && ends_[next_].pair && ends_[next_].unit - 1 == unit) return static_cast<std::size_t>(ends_[next_].byte);
+    return static_cast<std::size_t>(base_.byte + (unit - base_.unit));
   }
 
  private:
-  const uint8_t* s_;
-  int32_t length_;
-  bool wellFormed_;
-  int32_t byte_ = 0;
-  int32_t unit_ = 0;
+  const std::vector<WideEnd>& ends_;
+  std::size_t next_ = 0;
+  WideEnd base_{0, 0, false};
 };
 
 }  // namespace
@@ -176,10 +173,10 @@ void KLTRegex::matches(std::string_view utf8, std::vector<KLTRegexMatch>& out) c
   ThreadMatchers& thread = threadMatchers();
   URegularExpression* re = thread.matcherFor(impl_->id, impl_->compiled);
   if (!re) return;
-  const bool wellFormed = toUtf16(utf8, thread.text);
+  toUtf16(utf8, thread.text, thread.ends);
   UErrorCode status = U_ZERO_ERROR;
   uregex_setText(re, reinterpret_cast<const UChar*>(thread.text.data()), static_cast<int32_t>(thread.text.size()), &status);
-  OffsetMap map(utf8, wellFormed);
+  OffsetMap map(thread.ends);
   while (U_SUCCESS(status) && uregex_findNext(re, &status)) {
     const int32_t start = uregex_start(re, 0, &status);
     const int32_t end = uregex_end(re, 0, &status);
