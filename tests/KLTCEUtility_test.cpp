@@ -111,6 +111,7 @@ TEST(KLTCEUtility, Checks) {
       {Dictionary, R"({"m":"text"})", R"({"m":{"a":"1"}})", "null", false},
       {Dictionary, R"({"m":{"a":"1"},"t":"y"})", R"({"m":"text","t":"x"})", "null", false},  // passed over, not descended
       {Dictionary, "[]", R"({"k":"v"})", "null", false},
+      {Dictionary, R"({"i":[1],"k":"v"})", R"({"i":"x","k":"v"})", "null", true},  // a listed attribute against a text: passed over
   };
   for (const Row& r : rows) {
     SCOPED_TRACE("check " + std::to_string(r.fn) + ": " + r.a + " , " + r.b + " , " + r.op);

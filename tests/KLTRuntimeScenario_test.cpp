@@ -249,14 +249,25 @@ TEST_F(RuntimeScenario, TriggerAttributesAndTimeBoundsGateArming) {
                    {"activity", "checkout"},
                    {"details", {{"additional_info", KLTValue::object()}}},
                    {"time_bounds", {{"lower", t0 + 60'000}, {"upper", kForever}}}};
-  parse(document({campaign(id, KLTValue::array({eventCondition("app_event", "pay", "GTE", 1, "AND", trigger)}))}));
-  deliver(kKLTEventCodeActivity, "checkout");  // before the trigger's bounds: not armed
+  const std::string byApp = uniqueId("trigger-gate-app");
+  KLTValue appTrigger{{"event_type", "app_event"},
+                      {"details", {{"name", "open"}, {"additional_info", {{"plan", "gold"}}}}},
+                      {"time_bounds", {{"lower", t0 + 60'000}, {"upper", kForever}}}};
+  parse(document({campaign(id, KLTValue::array({eventCondition("app_event", "pay", "GTE", 1, "AND", trigger)})),
+                  campaign(byApp, KLTValue::array({eventCondition("app_event", "pay", "GTE", 1, "AND", appTrigger)}))}));
+  deliver(kKLTEventCodeActivity, "checkout");  // before the triggers' bounds: not armed
+  deliver(kKLTEventCodeApp, "open", {{"plan", "gold"}});
   deliver(kKLTEventCodeApp, "pay");
   EXPECT_EQ(dispatchCount(id), 0u);
   host.clock().advance(std::chrono::minutes(2));
+  deliver(kKLTEventCodeApp, "open", {{"plan", "silver"}});  // within the bounds, other attributes
+  deliver(kKLTEventCodeApp, "pay");
+  EXPECT_EQ(dispatchCount(byApp), 0u);
   deliver(kKLTEventCodeActivity, "checkout");
+  deliver(kKLTEventCodeApp, "open", {{"plan", "gold"}});
   deliver(kKLTEventCodeApp, "pay");
   EXPECT_EQ(dispatchCount(id), 1u);
+  EXPECT_EQ(dispatchCount(byApp), 1u);
 }
 
 TEST_F(RuntimeScenario, IdleTimerBlocksTheQueueForItsIntervalThenRegisters) {
