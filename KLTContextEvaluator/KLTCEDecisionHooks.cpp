@@ -26,6 +26,23 @@ void deliver(KLTCEDecisionKind kind, std::string campaign, int64_t condition, KL
   observer->onDecision(decision);
 }
 
+// A record's values: a dictionary filled entry by entry, in the order given. The entries go straight
+// into the dictionary's storage (the keys are distinct by construction), where a braced list would
+// first build a two-element array for each entry and then look every key up again.
+class Entries {
+ public:
+  explicit Entries(std::size_t expected) { storage().reserve(expected); }
+  Entries& add(const char* key, KLTValue value) {
+    storage().emplace_back(key, std::move(value));
+    return *this;
+  }
+  KLTValue done() { return std::move(values_); }
+
+ private:
+  KLTValue::object_t::Container& storage() { return values_.get_ref<KLTValue::object_t&>(); }
+  KLTValue values_ = KLTValue::object();
+};
+
 int64_t hostMillis() { return KLTController::sharedController().currentSDKTimeInMillis(); }
 
 std::string hourMinute(int64_t hour, int64_t minute) {
@@ -136,13 +153,10 @@ void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions,
 }
 
 void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger, const KLTEvent* event) {
-  KLTValue values{{"trigger", trigger.eventType()}};
-  if (event) {
-    values["code"] = event->eventType;
-    values["name"] = event->identifier;
-    values["time"] = hostMillis();
-  }
-  deliver(KLTCEDecisionKind::TriggerFired, source.campaign, source.condition, std::move(values));
+  Entries values(4);
+  values.add("trigger", trigger.eventType());
+  if (event) values.add("code", event->eventType).add("name", event->identifier).add("time", hostMillis());
+  deliver(KLTCEDecisionKind::TriggerFired, source.campaign, source.condition, values.done());
 }
 
 void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
@@ -165,7 +179,7 @@ void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& con
 
 void timerEnded(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
   deliver(KLTCEDecisionKind::TimerEnded, source.campaign, source.condition,
-          KLTValue{{"event_type", condition.eventType()}, {"time", hostMillis()}});
+          Entries(2).add("event_type", condition.eventType()).add("time", hostMillis()).done());
 }
 
 void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condition, const KLTEvent& event,
@@ -173,17 +187,19 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
   const int64_t now = hostMillis();
   const KLTCETimeBounds& bounds = condition.timeBounds();
   deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition,
-          KLTValue{{"code", event.eventType},
-                   {"name", event.identifier},
-                   {"count", condition.occurrenceCount()},
-                   {"wanted", condition.countConfig().count()},
-                   {"operator", condition.countConfig().operatorWord()},
-                   {"count_held", countHeld},
-                   {"time", now},
-                   {"lower", bounds.lower()},
-                   {"upper", bounds.upper()},
-                   {"in_bounds", bounds.lower() <= now && now <= bounds.upper()},
-                   {"completed", completed}});
+          Entries(11)
+              .add("code", event.eventType)
+              .add("name", event.identifier)
+              .add("count", condition.occurrenceCount())
+              .add("wanted", condition.countConfig().count())
+              .add("operator", condition.countConfig().operatorWord())
+              .add("count_held", countHeld)
+              .add("time", now)
+              .add("lower", bounds.lower())
+              .add("upper", bounds.upper())
+              .add("in_bounds", bounds.lower() <= now && now <= bounds.upper())
+              .add("completed", completed)
+              .done());
 }
 
 void foldEvaluated(const KLTCEConfigItem& item, bool result) {
@@ -193,7 +209,7 @@ void foldEvaluated(const KLTCEConfigItem& item, bool result) {
     operators.push_back(condition->combineOperator());
   }
   deliver(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1,
-          KLTValue{{"flags", std::move(flags)}, {"operators", std::move(operators)}, {"result", result}});
+          Entries(3).add("flags", std::move(flags)).add("operators", std::move(operators)).add("result", result).done());
 }
 
 void windowClosed(const KLTCEConfigItem& item) {
@@ -235,7 +251,7 @@ void capBlocked(const KLTCEConfigItem& item) {
 
 void dispatched(const KLTCEConfigItem& item, const KLTDisplayEvent& event) {
   deliver(KLTCEDecisionKind::Dispatched, item.identifier(), -1,
-          KLTValue{{"class", event.className()}, {"info", event.info()}});
+          Entries(2).add("class", event.className()).add("info", event.info()).done());
 }
 
 void displayCounted(const KLTCEConfigItem& item, const std::string& identifier) {

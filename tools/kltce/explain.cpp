@@ -74,8 +74,8 @@ std::string conditionName(const KLTValue& description) {
   return text(name.is_null() ? at(description, "event_type") : name);
 }
 
-std::string countText(const KLTValue& description, const KLTValue& count) {
-  return quoted(at(description, "name")) + " counted " + std::to_string(number(count, "count")) + " of " +
+std::string countText(const KLTValue& description, int64_t count) {
+  return quoted(at(description, "name")) + " counted " + std::to_string(count) + " of " +
          std::to_string(number(description, "count")) + " (" + text(at(description, "operator")) + ")";
 }
 
@@ -180,7 +180,7 @@ void DecisionTracker::apply(Campaign& c, const KLTCEDecision& d) {
     case KLTCEDecisionKind::EventCounted:
       if (condition) {
         ++condition->counted;
-        condition->lastCount = v;
+        condition->lastCount = LastCount{number(v, "count"), flag(v, "count_held"), number(v, "time")};
         condition->held = condition->held || flag(v, "completed");
       }
       break;
@@ -301,14 +301,14 @@ std::string DecisionTracker::conditionState(const Campaign& c, std::size_t index
   const KLTValue& type = at(description, "event_type");
   if (klt::isText(type, "idle_time") || klt::isText(type, "activity_time")) return "its timer has not ended";
   if (codeOf(type) == 0) return "armed, but event_type " + quoted(type) + " listens to nothing";
-  if (condition.lastCount.is_null()) return countText(description, KLTValue{{"count", 0}});
-  if (flag(condition.lastCount, "count_held")) {
+  if (!condition.lastCount) return countText(description, 0);
+  if (condition.lastCount->held) {
     kind = OutcomeKind::OutOfBounds;
-    return countText(description, condition.lastCount) + " at " + timeText(number(condition.lastCount, "time")) +
+    return countText(description, condition.lastCount->count) + " at " + timeText(condition.lastCount->time) +
            ", outside its time bounds " + timeText(number(description, "lower")) + " .. " +
            timeText(number(description, "upper"));
   }
-  return countText(description, condition.lastCount);
+  return countText(description, condition.lastCount->count);
 }
 
 CampaignOutcome DecisionTracker::outcomeOf(const Campaign& c) const {

@@ -75,12 +75,18 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   void writeExplanation(std::ostream& out) const;
 
  private:
+  // What the account of a condition reads from its last event_counted record.
+  struct LastCount {
+    int64_t count = 0;
+    bool held = false;  // outside its time bounds
+    int64_t time = 0;
+  };
   struct Condition {
     KLTValue description;  // from item_built
     bool armed = false;
     bool held = false;
     std::size_t counted = 0;
-    KLTValue lastCount;  // values of the last event_counted
+    std::optional<LastCount> lastCount;  // of the last event_counted
   };
   struct Campaign {
     std::string id;
