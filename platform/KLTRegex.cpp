@@ -9,7 +9,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#include <cstring>
 
 namespace {
 
@@ -86,7 +85,7 @@ int32_t widenAscii(const uint8_t* s, int32_t i, int32_t length, char16_t* units,
 
 // UTF-8 to UTF-16 into out, each ill-formed sequence (as U8_NEXT delimits it) becoming one U+FFFD,
 // with the end of every character that is not ASCII in ends. Runs of ASCII, the bulk of most
-// texts, are widened a word at a time.
+// texts, are widened 16 bytes at a time where the build has SSE2, else byte by byte.
 void toUtf16(std::string_view utf8, std::u16string& out, std::vector<WideEnd>& ends) {
   out.resize(utf8.size());  // never more UTF-16 units than UTF-8 bytes
   ends.clear();
