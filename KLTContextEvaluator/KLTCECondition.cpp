@@ -74,7 +74,7 @@ void KLTCECondition::cancelIdleTimeTimer() {
 void KLTCECondition::onEvent(std::shared_ptr<const KLTEvent> event) {
   if (!event) return;
   KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->async(
-      [self = shared_from_this(), event = std::move(event)] { self->handleEvent(*event); });
+      [self = shared_from_this(), event = std::move(event)] { self->handleQueuedEvent(*event); });
 }
 
 void KLTCECondition::countAndCheck(const KLTEvent& event) {
@@ -91,7 +91,9 @@ void KLTCECondition::countAndCheck(const KLTEvent& event) {
   }
 }
 
-void KLTCECondition::handleEvent(const KLTEvent& event) {
+KLTSerialQueue* KLTCECondition::eventQueue() const { return KLTContextEvaluator::sharedInstance().ceOpsSerialQueue().get(); }
+
+void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
   // Handled by the event's code, whatever this condition's own type: an idle condition also
   // receives activity and app events and matches them like any other.
   switch (event.eventType) {

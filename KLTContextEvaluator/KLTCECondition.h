@@ -34,6 +34,9 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
+  // The evaluator's serial queue, and the handling onEvent() posts to it (on that queue).
+  KLTSerialQueue* eventQueue() const override;
+  void handleQueuedEvent(const KLTEvent& event) override;
   // Breaks the cycles through this condition (its callback holds its item, its trigger's callback
   // holds it), so that dropping the last outside reference frees them. Only once nothing can
   // deliver to it or fire its timer any more (the engine's reset); on the serial queue.
@@ -68,7 +71,6 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
  private:
   void arm();
   void startTimer();
-  void handleEvent(const KLTEvent& event);
   void countAndCheck(const KLTEvent& event);
 
   int64_t count = 0;

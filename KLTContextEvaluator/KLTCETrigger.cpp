@@ -43,10 +43,12 @@ std::shared_ptr<KLTCETrigger> KLTCETrigger::create(const KLTValue& data, std::fu
 void KLTCETrigger::onEvent(std::shared_ptr<const KLTEvent> event) {
   if (!event) return;
   KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->async(
-      [self = shared_from_this(), event = std::move(event)] { self->handleEvent(*event); });
+      [self = shared_from_this(), event = std::move(event)] { self->handleQueuedEvent(*event); });
 }
 
-void KLTCETrigger::handleEvent(const KLTEvent& event) {
+KLTSerialQueue* KLTCETrigger::eventQueue() const { return KLTContextEvaluator::sharedInstance().ceOpsSerialQueue().get(); }
+
+void KLTCETrigger::handleQueuedEvent(const KLTEvent& event) {
   // The host routes only the events registered under this trigger's identifier; the name is trusted.
   const auto now = [] { return KLTController::sharedController().currentSDKTimeInMillis(); };
   switch (event.eventType) {

@@ -68,6 +68,9 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
+  // The evaluator's serial queue, and the handling onEvent() posts to it (on that queue).
+  KLTSerialQueue* eventQueue() const override;
+  void handleQueuedEvent(const KLTEvent& event) override;
 
   const KLTValue& activity() const { return _activity; }
   const KLTValue& eventType() const { return _eventType; }
@@ -85,7 +88,6 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
   KLTCETrigger(Token, const KLTValue& data, std::function<void()> completionHandler, KLTCEDecisionSource source);
 
  private:
-  void handleEvent(const KLTEvent& event);
 
   std::function<void()> completionHandler;
   KLTValue _activity;

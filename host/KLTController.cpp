@@ -38,10 +38,13 @@ std::optional<std::pair<unsigned long, std::string_view>> splitIdentifier(std::s
 }  // namespace
 
 void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener) {
-  if (slot && std::find(slot->begin(), slot->end(), listener) != slot->end()) return;
+  if (slot && std::find(slot->listeners.begin(), slot->listeners.end(), listener) != slot->listeners.end()) return;
   // Copy on write: deliveries in progress keep the list they took.
   auto next = slot ? std::make_shared<ListenerList>(*slot) : std::make_shared<ListenerList>();
-  next->push_back(std::move(listener));
+  KLTSerialQueue* queue = listener->eventQueue();
+  if (!next->listeners.empty() && next->queue != queue) queue = nullptr;
+  next->queue = queue;
+  next->listeners.push_back(std::move(listener));
   slot = std::move(next);
 }
 
@@ -75,10 +78,22 @@ std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& e
     }
     if (auto it = byType_.find(event->eventType); it != byType_.end()) typed = it->second;
   }
+  // Listeners that all handle their events on one queue get one batch per event, in the order in
+  // which their own onEvent() calls would have posted to it.
+  KLTSerialQueue* queue = named ? named->queue : typed ? typed->queue : nullptr;
+  if (named && typed && named->queue != typed->queue) queue = nullptr;
+  if (queue) {
+    const std::size_t first = named ? named->listeners.size() : 0;
+    const std::size_t total = first + (typed ? typed->listeners.size() : 0);
+    queue->asyncEach(total, [named = std::move(named), typed = std::move(typed), event, first](std::size_t i) {
+      (i < first ? named->listeners[i] : typed->listeners[i - first])->handleQueuedEvent(*event);
+    });
+    return total;
+  }
   std::size_t deliveries = 0;
   for (const auto* list : {named.get(), typed.get()}) {
     if (!list) continue;
-    for (const auto& listener : *list) {
+    for (const auto& listener : list->listeners) {
       listener->onEvent(event);
       ++deliveries;
     }
@@ -141,10 +156,10 @@ std::size_t KLTController::registrationCount() const {
   std::shared_lock lock(mutex_);
   std::size_t n = 0;
   for (const auto& [code, names] : byIdentifier_) {
-    for (const auto& [name, list] : names) n += list ? list->size() : 0;
+    for (const auto& [name, list] : names) n += list ? list->listeners.size() : 0;
   }
-  for (const auto& [key, list] : undeliverable_) n += list ? list->size() : 0;
-  for (const auto& [key, list] : byType_) n += list ? list->size() : 0;
+  for (const auto& [key, list] : undeliverable_) n += list ? list->listeners.size() : 0;
+  for (const auto& [key, list] : byType_) n += list ? list->listeners.size() : 0;
   return n;
 }
 

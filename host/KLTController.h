@@ -3,10 +3,12 @@
 //
 // - A listener registry keyed by listener identifier ("%lu___%@": event code, three underscores,
 //   name; see listenerIdentifier()) and by event code. Identifiers are kept split into their code
-//   and name, so that a delivery finds its listeners without building the identifier text. deliverEvent() reaches every listener
-//   registered under the event's identifier key and every listener registered for its code. A
-//   listener registered several times under the same key receives each event once for that key.
-//   Listeners are held strongly for the life of the registry.
+//   and name, so that a delivery finds its listeners without building the identifier text.
+//   deliverEvent() reaches every listener registered under the event's identifier key, then every
+//   listener registered for its code. A listener registered several times under the same key
+//   receives each event once for that key. When all of them handle events on the same serial
+//   queue, their handling is posted as one batch (see KLTEventListener::eventQueue()). Listeners
+//   are held strongly for the life of the registry.
 // - currentSDKTimeInMillis(): epoch milliseconds from the platform clock (KLTClock::current()).
 // - dispatchEvent(): hands display events to the handler the embedding code installed.
 // - user() and session(): the current user and session.
@@ -72,7 +74,12 @@ class KLTController {
   std::size_t registrationCount() const;
 
  private:
-  using ListenerList = std::vector<std::shared_ptr<KLTEventListener>>;
+  struct ListenerList {
+    std::vector<std::shared_ptr<KLTEventListener>> listeners;
+    // The serial queue every listener of the list handles its events on, when they all name the
+    // same one (KLTEventListener::eventQueue()); nullptr otherwise.
+    KLTSerialQueue* queue = nullptr;
+  };
   using ListSlot = std::shared_ptr<const ListenerList>;
   // Names looked up by string_view, without a std::string per lookup.
   struct NameHash {

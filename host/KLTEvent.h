@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/KLTSerialQueue.h"
 #include "platform/KLTValue.h"
 
 // Host event codes.
@@ -41,6 +42,15 @@ class KLTEventListener {
   virtual ~KLTEventListener() = default;
   // Called on whatever thread the host delivers from; must return quickly.
   virtual void onEvent(std::shared_ptr<const KLTEvent> event) = 0;
+
+  // A listener whose onEvent() only posts handleQueuedEvent() to one serial queue, the same for
+  // its whole life, names that queue here. A delivery to listeners that all name the same queue
+  // then posts their handling as one batch (KLTSerialQueue::asyncEach): the same tasks in the
+  // same order as their onEvent() calls would post, with one hand-off per event. nullptr (the
+  // default): onEvent() is called.
+  virtual KLTSerialQueue* eventQueue() const { return nullptr; }
+  // What onEvent() posts, run on eventQueue(). Never called when eventQueue() is nullptr.
+  virtual void handleQueuedEvent(const KLTEvent& event) { (void)event; }
 };
 
 // A plug-in the host drives.

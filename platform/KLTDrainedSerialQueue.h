@@ -26,6 +26,7 @@ class KLTDrainedSerialQueue final : public KLTSerialQueue {
   explicit KLTDrainedSerialQueue(std::string label);
 
   void async(std::function<void()> task) override;
+  void asyncEach(std::size_t count, std::function<void(std::size_t)> task) override;
   bool waitUntilIdle() override;
   bool waitUntilIdleFor(std::chrono::milliseconds timeout) override;
   bool isCurrent() const override;
@@ -38,6 +39,9 @@ class KLTDrainedSerialQueue final : public KLTSerialQueue {
   bool heldForGood() const { return held_.load(std::memory_order_acquire); }
 
  private:
+  // Runs one task, recording and logging what it throws but an endless wait (defined in the .cpp).
+  template <class Task>
+  static void runContained(Task&& task);
   const std::string label_;
   std::mutex drainMutex_;  // one drainer at a time
   std::mutex mutex_;       // guards pending_

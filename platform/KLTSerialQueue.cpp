@@ -1,5 +1,6 @@
 #include "platform/KLTSerialQueue.h"
 
+#include <memory>
 #include <mutex>
 
 namespace {
@@ -24,4 +25,9 @@ void KLTSerialQueue::recordTaskFailure(const char* what) {
 std::optional<std::string> KLTSerialQueue::firstTaskFailure() {
   std::lock_guard lock(failureMutex());
   return firstFailure();
+}
+
+void KLTSerialQueue::asyncEach(std::size_t count, std::function<void(std::size_t)> task) {
+  auto shared = std::make_shared<std::function<void(std::size_t)>>(std::move(task));
+  for (std::size_t i = 0; i < count; ++i) async([shared, i] { (*shared)(i); });
 }

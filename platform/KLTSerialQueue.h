@@ -9,6 +9,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,6 +23,12 @@ class KLTSerialQueue {
 
   // Posts a task and returns at once.
   virtual void async(std::function<void()> task) = 0;
+
+  // Posts count tasks at once, task(0) to task(count - 1): they run back to back in that order,
+  // exactly as count async() calls made one right after another would run, each contained on its
+  // own (a task that throws is recorded and logged like any other, and the next one still runs).
+  // The implementations hand the lot over in one go; this default posts them one by one.
+  virtual void asyncEach(std::size_t count, std::function<void(std::size_t)> task);
 
   // Blocks until every task posted before the call has run. Returns false at once when called from
   // a task of this queue (it would wait for its own task), true otherwise.

@@ -59,6 +59,30 @@ bool KLTThreadSerialQueue::waitUntilIdleFor(std::chrono::milliseconds timeout) {
 
 bool KLTThreadSerialQueue::isCurrent() const { return std::this_thread::get_id() == worker_.get_id(); }
 
+void KLTThreadSerialQueue::asyncEach(std::size_t count, std::function<void(std::size_t)> task) {
+  if (count == 0) return;
+  // One task for the lot, each of them contained on its own, as if posted alone.
+  async([count, task = std::move(task)] {
+    for (std::size_t i = 0; i < count; ++i) runContained([&task, i] { task(i); });
+  });
+}
+
+// Contains a throw at the task it came from: recorded and logged, and the queue goes on with the
+// next task. Every task runs through here, those of a batch posted by asyncEach() one by one, so
+// each fails on its own.
+template <class Task>
+void KLTThreadSerialQueue::runContained(Task&& task) {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    recordTaskFailure(e.what());
+    KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", std::string("Task failed: ") + e.what());
+  } catch (...) {
+    recordTaskFailure("an exception of unknown type");
+    KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", "Task failed");
+  }
+}
+
 void KLTThreadSerialQueue::workerLoop() {
   std::vector<std::function<void()>> batch;
   std::unique_lock lock(mutex_);
@@ -72,15 +96,7 @@ void KLTThreadSerialQueue::workerLoop() {
     batch.swap(tasks_);
     lock.unlock();
     for (auto& task : batch) {
-      try {
-        task();
-      } catch (const std::exception& e) {
-        recordTaskFailure(e.what());
-        KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", std::string("Task failed: ") + e.what());
-      } catch (...) {
-        recordTaskFailure("an exception of unknown type");
-        KLT_LOG_ERROR("-[KLTSerialQueue workerLoop]", "Task failed");
-      }
+      runContained(task);
       task = nullptr;  // release what the task captured before reporting progress
     }
     const auto ran = batch.size();

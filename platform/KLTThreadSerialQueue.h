@@ -24,6 +24,7 @@ class KLTThreadSerialQueue final : public KLTSerialQueue {
   ~KLTThreadSerialQueue() override;
 
   void async(std::function<void()> task) override;
+  void asyncEach(std::size_t count, std::function<void(std::size_t)> task) override;
   bool waitUntilIdle() override;
   bool waitUntilIdleFor(std::chrono::milliseconds timeout) override;
   bool isCurrent() const override;
@@ -31,6 +32,9 @@ class KLTThreadSerialQueue final : public KLTSerialQueue {
 
  private:
   void workerLoop();
+  // Runs one task, recording and logging what it throws (defined and used in the .cpp only).
+  template <class Task>
+  static void runContained(Task&& task);
   bool idleReached(std::unique_lock<std::mutex>& lock, const std::chrono::milliseconds* timeout);
 
   const std::string label_;

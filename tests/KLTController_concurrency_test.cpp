@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <climits>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,6 +72,72 @@ TEST(KLTController, RegisteredIdentifierReachesOnlyTheEventThatWritesIt) {
     auto listener = std::make_shared<CountingListener>();
     controller.registerIdentifer(r.identifier, listener);
     EXPECT_EQ(controller.deliverEvent(KLTEvent::make(r.code, r.name, KLTValue())), r.delivered ? 1u : 0u);
+  }
+}
+
+// A queue that runs nothing until run(), and counts the batches handed to it.
+class RecordingQueue final : public KLTSerialQueue {
+ public:
+  void async(std::function<void()> task) override { tasks.push_back(std::move(task)); }
+  void asyncEach(std::size_t count, std::function<void(std::size_t)> task) override {
+    ++batches;
+    KLTSerialQueue::asyncEach(count, std::move(task));
+  }
+  bool waitUntilIdle() override { return true; }
+  bool waitUntilIdleFor(std::chrono::milliseconds) override { return true; }
+  bool isCurrent() const override { return false; }
+  const std::string& label() const override { return name; }
+  void run() {
+    for (auto& t : tasks) t();
+    tasks.clear();
+  }
+  std::vector<std::function<void()>> tasks;
+  int batches = 0;
+  std::string name = "test.recording";
+};
+
+// Posts its handling to a queue, naming the queue (eventQueue) or not; the handling writes its mark.
+class QueuedListener final : public KLTEventListener, public std::enable_shared_from_this<QueuedListener> {
+ public:
+  QueuedListener(RecordingQueue& q, std::string& t, char m, bool named) : queue(q), trace(t), mark(m), namesQueue(named) {}
+  void onEvent(std::shared_ptr<const KLTEvent> event) override {
+    queue.async([self = shared_from_this(), event] { self->handleQueuedEvent(*event); });
+  }
+  KLTSerialQueue* eventQueue() const override { return namesQueue ? &queue : nullptr; }
+  void handleQueuedEvent(const KLTEvent&) override { trace += mark; }
+  RecordingQueue& queue;
+  std::string& trace;
+  char mark;
+  bool namesQueue;
+};
+
+// Listeners that all name one queue get one batch per event; any other list is delivered listener
+// by listener. Either way the handling runs in registration order, names before codes.
+TEST(KLTController, ListenersOnOneQueueGetOneBatchInTheirOrder) {
+  struct Row {
+    std::string namedMarks, typedMarks;  // upper case: a listener that does not name its queue
+    int batches;
+  };
+  const std::vector<Row> rows = {{"ab", "c", 1}, {"a", "", 1}, {"", "c", 1}, {"aBc", "", 0}, {"ab", "C", 0}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.namedMarks + "|" + r.typedMarks);
+    KLTController controller;
+    RecordingQueue queue;
+    std::string trace;
+    for (const auto& [marks, byName] : {std::pair{r.namedMarks, true}, std::pair{r.typedMarks, false}}) {
+      for (const char m : marks) {
+        auto listener = std::make_shared<QueuedListener>(queue, trace, static_cast<char>(std::tolower(m)), std::islower(m));
+        byName ? controller.registerIdentifer("4___tap", listener) : controller.registerForEventWithType(4, listener);
+      }
+    }
+    const std::size_t total = r.namedMarks.size() + r.typedMarks.size();
+    EXPECT_EQ(controller.deliverEvent(KLTEvent::make(4, "tap")), total);
+    EXPECT_EQ(queue.batches, r.batches);
+    EXPECT_EQ(trace, "");
+    queue.run();
+    std::string expected;
+    for (const char m : r.namedMarks + r.typedMarks) expected += static_cast<char>(std::tolower(m));
+    EXPECT_EQ(trace, expected);
   }
 }
 

@@ -67,18 +67,29 @@ TEST(KLTSerialQueue, WaitUntilIdleWaitsForEverythingPostedSoFarAndNeverDeadlocks
 }
 
 TEST(KLTSerialQueue, AThrowingTaskIsLoggedAndTheQueueGoesOn) {
-  KLTScopedLogCapture capture(2);
-  KLTThreadSerialQueue queue("test.throwing");
-  std::vector<int> ran;
-  queue.async([&] { ran.push_back(1), throw std::runtime_error("boom"); });
-  queue.async([&] { ran.push_back(2), throw 42; });
-  queue.async([&] { ran.push_back(3); });
-  ASSERT_TRUE(queue.waitUntilIdle());
-  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
-  const auto lines = capture.log().lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].rfind("<KLT ERROR> Task failed: boom -[KLTSerialQueue workerLoop]:", 0), 0u) << lines[0];
-  EXPECT_EQ(lines[1].rfind("<KLT ERROR> Task failed -[KLTSerialQueue workerLoop]:", 0), 0u) << lines[1];
+  // Posted one by one or as one batch: the same tasks, order and log lines.
+  for (const bool batch : {false, true}) {
+    KLTScopedLogCapture capture(2);
+    KLTThreadSerialQueue queue("test.throwing");
+    std::vector<int> ran;
+    const auto task = [&](std::size_t i) {
+      ran.push_back(static_cast<int>(i) + 1);
+      if (i == 0) throw std::runtime_error("boom");
+      if (i == 1) throw 42;
+    };
+    if (batch) {
+      queue.asyncEach(3, task);
+    } else {
+      for (std::size_t i = 0; i < 3; ++i) queue.async([&, i] { task(i); });
+    }
+    queue.async([&] { ran.push_back(4); });
+    ASSERT_TRUE(queue.waitUntilIdle());
+    EXPECT_EQ(ran, (std::vector<int>{1, 2, 3, 4})) << "batch " << batch;
+    const auto lines = capture.log().lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("<KLT ERROR> Task failed: boom -[KLTSerialQueue workerLoop]:", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1].rfind("<KLT ERROR> Task failed -[KLTSerialQueue workerLoop]:", 0), 0u) << lines[1];
+  }
 }
 
 }  // namespace
