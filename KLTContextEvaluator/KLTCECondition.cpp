@@ -11,6 +11,7 @@ KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()
       _eventType(klt::valueForKey(data, kKLTEventType)),
       _sequence(klt::integerValue(klt::valueForKey(data, kKLTSequence))),
       _details(klt::valueForKey(data, kKLTDetails)),
+      _attributeRules(_details.additionalInfo()),
       _timeBounds(klt::valueForKey(data, kKLTTimeBounds)),
       _countConfig(klt::valueForKey(data, kKLTCountConfig)),
       _ruleType(klt::valueForKey(data, kKLTRuleType)),
@@ -109,7 +110,7 @@ void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
     case kKLTEventCodeClient:
       if (checkingIdleTime) cancelIdleTimeTimer();
       if (klt::isText(_details.name(), event.identifier) &&
-          KLTCEUtility::doesEventAttributes(event.additionalInfo, _details.additionalInfo())) {
+          _attributeRules.matches(event.additionalInfo)) {
         countAndCheck(event);
       }
       break;

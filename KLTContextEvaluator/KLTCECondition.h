@@ -20,6 +20,7 @@
 
 #include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "KLTContextEvaluator/KLTCETrigger.h"
+#include "KLTContextEvaluator/KLTCEUtility.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTRunLoop.h"
 #include "platform/KLTValue.h"
@@ -82,6 +83,7 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   KLTValue _eventType;
   int64_t _sequence = 0;
   KLTCEDetails _details;
+  KLTCEAttributeRules _attributeRules;  // _details' attribute data, read once for matching
   KLTCETimeBounds _timeBounds;
   KLTCECountConfig _countConfig;
   std::shared_ptr<KLTCETrigger> _trigger;

@@ -51,6 +51,41 @@ bool compareIntegers(int64_t a, int64_t b, Word word) {
   return false;
 }
 
+bool checkBoolWord(bool a, bool b, Word word) {
+  switch (word) {
+    case Word::EQ:
+      return a == b;
+    case Word::NEQ:
+      return a != b;
+    default:
+      return false;
+  }
+}
+
+bool checkStringWord(const KLTValue& s, const KLTValue& v, Word word) {
+  if (word != Word::EQ && word != Word::NEQ) return false;
+  bool equal;
+  if (klt::isList(v)) {
+    equal = klt::listContains(v, s);
+  } else if (klt::isString(v)) {
+    equal = klt::isEqual(v, s);
+  } else {
+    // "NEQ" too is false here: an absent or non-text value is not "different", it is unusable.
+    return false;
+  }
+  return word == Word::EQ ? equal : !equal;
+}
+
+bool checkAttrValueWord(const KLTValue& v, int64_t g, Word word) {
+  if (klt::isList(v)) {
+    if (word != Word::EQ && word != Word::NEQ) return false;
+    const bool contained = klt::listContains(v, KLTValue(g));
+    return word == Word::EQ ? contained : !contained;
+  }
+  if (klt::isNumber(v)) return compareIntegers(klt::integerValue(v), g, word);
+  return false;
+}
+
 const KLTValue& eqOperator() {
   static const KLTValue kEQ = kKLTOpEQ;
   return kEQ;
@@ -88,43 +123,16 @@ std::vector<std::string_view> versionComponents(std::string_view version) {
 
 }  // namespace
 
-bool KLTCEUtility::checkBool(bool a, bool b, const KLTValue& op) {
-  switch (operatorWord(op)) {
-    case Word::EQ:
-      return a == b;
-    case Word::NEQ:
-      return a != b;
-    default:
-      return false;
-  }
-}
+bool KLTCEUtility::checkBool(bool a, bool b, const KLTValue& op) { return checkBoolWord(a, b, operatorWord(op)); }
 
 bool KLTCEUtility::checkValue(int64_t a, int64_t b, const KLTValue& op) { return compareIntegers(a, b, operatorWord(op)); }
 
 bool KLTCEUtility::checkString(const KLTValue& s, const KLTValue& v, const KLTValue& op) {
-  const Word word = operatorWord(op);
-  if (word != Word::EQ && word != Word::NEQ) return false;
-  bool equal;
-  if (klt::isList(v)) {
-    equal = klt::listContains(v, s);
-  } else if (klt::isString(v)) {
-    equal = klt::isEqual(v, s);
-  } else {
-    // "NEQ" too is false here: an absent or non-text value is not "different", it is unusable.
-    return false;
-  }
-  return word == Word::EQ ? equal : !equal;
+  return checkStringWord(s, v, operatorWord(op));
 }
 
 bool KLTCEUtility::checkAttrValue(const KLTValue& v, int64_t g, const KLTValue& op) {
-  const Word word = operatorWord(op);
-  if (klt::isList(v)) {
-    if (word != Word::EQ && word != Word::NEQ) return false;
-    const bool contained = klt::listContains(v, KLTValue(g));
-    return word == Word::EQ ? contained : !contained;
-  }
-  if (klt::isNumber(v)) return compareIntegers(klt::integerValue(v), g, word);
-  return false;
+  return checkAttrValueWord(v, g, operatorWord(op));
 }
 
 bool KLTCEUtility::evaluateConditionStatus(bool x, bool y, const KLTValue& op) {
@@ -169,34 +177,7 @@ bool KLTCEUtility::doesArray(const KLTValue& a, const KLTValue& b, const KLTValu
 }
 
 bool KLTCEUtility::doesEventAttributes(const KLTValue& eventAttributes, const KLTValue& data) {
-  if (!klt::isDictionary(data)) return true;
-  for (auto it = data.begin(); it != data.end(); ++it) {
-    const KLTValue& x = it.value();
-    const KLTValue& y = klt::valueForKey(eventAttributes, it.key());
-    bool passes = true;
-    if (klt::isDictionary(x)) {
-      const std::string* type = klt::stringPtr(klt::valueForKey(x, kTypedType));
-      const KLTValue& op = klt::valueForKey(x, kTypedOperator);
-      if (isLetter(type, 's')) {
-        passes = checkString(klt::valueForKey(x, kTypedValue), y, op);
-      } else if (isLetter(type, 'b')) {
-        passes = checkBool(klt::boolValue(klt::valueForKey(x, kTypedValue)), klt::boolValue(y), op);
-      } else if (isLetter(type, 'l') || isLetter(type, 'n')) {
-        const KLTValue& val = klt::valueForKey(x, kTypedValue);
-        passes = klt::isNumber(val) && checkAttrValue(y, klt::integerValue(val), op);
-      }
-      // Any other type letter, or none, leaves the key out of the match.
-    } else if (klt::isString(x)) {
-      passes = checkString(x, y, eqOperator());
-    } else if (klt::isNumber(x)) {
-      // The data number is read as a floating number first, so 3.7 asks for 3 and a huge integer
-      // saturates rather than wrapping.
-      const int64_t g = klt::integerValue(KLTValue(klt::doubleValue(x)));
-      passes = checkAttrValue(y, g, eqOperator());
-    }
-    if (!passes) return false;
-  }
-  return true;
+  return KLTCEAttributeRules(data).matches(eventAttributes);
 }
 
 bool KLTCEUtility::doesDictionary(const KLTValue& a, const KLTValue& b) {
@@ -273,4 +254,65 @@ bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& o
     }
   }
   return word == Word::GTE || word == Word::LTE;
+}
+
+struct KLTCEAttributeRules::Rule {
+  enum class Check { Text, Truth, Number };
+  std::string key;
+  Check check;
+  Word word;
+  KLTValue text;       // Text: the value asked for, of any kind
+  bool truth = false;  // Truth: the rule's value read as a truth
+  int64_t number = 0;  // Number: the integer asked for
+};
+
+KLTCEAttributeRules::KLTCEAttributeRules(const KLTValue& data) {
+  using Check = Rule::Check;
+  if (!klt::isDictionary(data)) return;
+  for (auto it = data.begin(); it != data.end(); ++it) {
+    const KLTValue& x = it.value();
+    if (klt::isDictionary(x)) {
+      const std::string* type = klt::stringPtr(klt::valueForKey(x, kTypedType));
+      const Word word = operatorWord(klt::valueForKey(x, kTypedOperator));
+      const KLTValue& val = klt::valueForKey(x, kTypedValue);
+      if (isLetter(type, 's')) {
+        rules_.push_back({it.key(), Check::Text, word, val});
+      } else if (isLetter(type, 'b')) {
+        rules_.push_back({it.key(), Check::Truth, word, {}, klt::boolValue(val)});
+      } else if (isLetter(type, 'l') || isLetter(type, 'n')) {
+        if (!klt::isNumber(val)) never_ = true;
+        rules_.push_back({it.key(), Check::Number, word, {}, false, klt::integerValue(val)});
+      }
+      // Any other type letter, or none, leaves the key out of the match.
+    } else if (klt::isString(x)) {
+      rules_.push_back({it.key(), Check::Text, Word::EQ, x});
+    } else if (klt::isNumber(x)) {
+      // The data number is read as a floating number first, so 3.7 asks for 3 and a huge integer
+      // saturates rather than wrapping.
+      rules_.push_back({it.key(), Check::Number, Word::EQ, {}, false, klt::integerValue(KLTValue(klt::doubleValue(x)))});
+    }
+  }
+}
+
+KLTCEAttributeRules::~KLTCEAttributeRules() = default;
+
+bool KLTCEAttributeRules::matches(const KLTValue& eventAttributes) const {
+  if (never_) return false;
+  for (const Rule& rule : rules_) {
+    const KLTValue& y = klt::valueForKey(eventAttributes, rule.key);
+    bool passes = false;
+    switch (rule.check) {
+      case Rule::Check::Text:
+        passes = checkStringWord(rule.text, y, rule.word);
+        break;
+      case Rule::Check::Truth:
+        passes = checkBoolWord(rule.truth, klt::boolValue(y), rule.word);
+        break;
+      case Rule::Check::Number:
+        passes = checkAttrValueWord(y, rule.number, rule.word);
+        break;
+    }
+    if (!passes) return false;
+  }
+  return true;
 }

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/KLTValue.h"
 
@@ -57,4 +58,23 @@ class KLTCEUtility {
   // component text, orderings by component integers. False when the application's version is
   // missing or the scan would read past its last component.
   static bool checkGivenVersion(const std::string& given, const KLTValue& op);
+};
+
+// KLTCEAttributeRules: a condition's attribute data (as doesEventAttributes() takes it) read once,
+// so that matching an event costs one lookup per key of the data and no second reading of its
+// typed rules or operator words. matches() answers what doesEventAttributes() answers for the same
+// data, whatever either holds. Immutable once built; may be read from any thread.
+class KLTCEAttributeRules {
+ public:
+  explicit KLTCEAttributeRules(const KLTValue& data);
+  ~KLTCEAttributeRules();
+  KLTCEAttributeRules(const KLTCEAttributeRules&) = delete;
+  KLTCEAttributeRules& operator=(const KLTCEAttributeRules&) = delete;
+
+  bool matches(const KLTValue& eventAttributes) const;
+
+ private:
+  struct Rule;
+  std::vector<Rule> rules_;
+  bool never_ = false;  // a typed number rule without a number: no event passes
 };
