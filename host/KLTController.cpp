@@ -79,12 +79,13 @@ std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& e
     if (auto it = byType_.find(event->eventType); it != byType_.end()) typed = it->second;
   }
   // Listeners that all handle their events on one queue get one batch per event, in the order in
-  // which their own onEvent() calls would have posted to it.
+  // which their own onEvent() calls would have posted to it. A lone listener posts its own task,
+  // which costs less than a batch of one.
   KLTSerialQueue* queue = named ? named->queue : typed ? typed->queue : nullptr;
   if (named && typed && named->queue != typed->queue) queue = nullptr;
-  if (queue) {
-    const std::size_t first = named ? named->listeners.size() : 0;
-    const std::size_t total = first + (typed ? typed->listeners.size() : 0);
+  const std::size_t first = named ? named->listeners.size() : 0;
+  const std::size_t total = first + (typed ? typed->listeners.size() : 0);
+  if (queue && total > 1) {
     queue->asyncEach(total, [named = std::move(named), typed = std::move(typed), event, first](std::size_t i) {
       (i < first ? named->listeners[i] : typed->listeners[i - first])->handleQueuedEvent(*event);
     });
