@@ -1,11 +1,14 @@
 // Fuzz target: event-stream lines as `kltce run` reads them, and the instants they carry.
 //
 // Input: one line (any bytes). A line read as usable with a time must format and read back to the
-// same instant to the millisecond.
+// same instant to the millisecond. The line's JSON, read as every line is read, must give the JSON
+// library's own reading: the very same tree, or the same error.
 #include <cstdint>
 #include <cstdlib>
 
 #include "fuzz/fuzz_input.h"
+#include "platform/KLTValueReader.h"
+#include "testsupport/KLTSameTree.h"
 #include "tools/kltce/stream_line.h"
 #include "tools/kltce/time_text.h"
 
@@ -15,7 +18,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  const kltce::LineResult r = kltce::parseStreamLine(kltce_fuzz::asText(data, size));
+  const auto text = kltce_fuzz::asText(data, size);
+  const klt::KLTValueRead read = klt::readJsonText(text), library = klt::readJsonTextByLibrary(text);
+  if (read.error != library.error || !kltfixture::sameTree(read.value, library.value)) std::abort();
+  const kltce::LineResult r = kltce::parseStreamLine(text);
   if (!r.line || !r.line->time) return 0;
   static const auto utc = KLTTimeZone::fixedOffset(0);
   const KLTTimePoint t = std::chrono::floor<std::chrono::milliseconds>(*r.line->time);

@@ -3,6 +3,8 @@
 #include <exception>
 #include <optional>
 
+#include "platform/KLTFastJson.h"
+
 namespace klt {
 
 namespace {
@@ -101,6 +103,16 @@ std::string depthMessage() { return "nested deeper than " + std::to_string(kKLTM
 }  // namespace
 
 KLTValueRead readJsonText(std::string_view text) {
+  KLTValueRead r;
+  if (auto fast = readJsonFast(text)) {
+    r.value = std::move(*fast);
+    return r;
+  }
+  r = readJsonTextByLibrary(text);
+  return r;
+}
+
+KLTValueRead readJsonTextByLibrary(std::string_view text) {
   KLTValueRead r;
   // The library may still throw on resource limits (a string longer than it can hold); nothing
   // leaves this function.

@@ -32,7 +32,11 @@ struct KLTValueRead {
 // Parses one JSON text. A syntax error reads as the JSON library words it ("parse error at line 2,
 // column 5: syntax error while parsing value - ..."); a value nested past the limit reads
 // "nested deeper than 256 levels at line 3, column 12" (the position of the first bracket too many).
+// Small texts that need none of the library's wording are read by a quicker reader to the very
+// same tree (platform/KLTFastJson.h); everything else as readJsonTextByLibrary() reads it.
 KLTValueRead readJsonText(std::string_view text);
+// The same reading through the JSON library alone: the reference the quicker reader is held to.
+KLTValueRead readJsonTextByLibrary(std::string_view text);
 
 // Decodes one CBOR item as the store writes it; binary subtypes (dates) survive through their tags.
 // Malformed bytes, trailing bytes and values nested past the limit give an error.

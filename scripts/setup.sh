@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-dev}"
 
-packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev libsqlite3-dev
+packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev libsqlite3-dev libsimdjson-dev
           libcli11-dev libvalijson-dev libgtest-dev libgmock-dev libbenchmark-dev libhowardhinnant-date-dev
           libopenmpi-dev openmpi-bin)
 # The fuzz preset builds with clang and links its libFuzzer runtime.

@@ -1,13 +1,15 @@
-// The nesting limit on every value read from outside: documents, event lines and stored values
-// nested past it are refused with one message that says where, never by a crash, and values at the
-// limit read as before.
+// Reading values from outside. The nesting limit on documents, event lines and stored values: past
+// it they are refused with one message that says where, never by a crash, and values at the limit
+// read as before. And the quicker reader of small texts, held to the library's own reading.
 #include <gtest/gtest.h>
 
 #include <fstream>
 
+#include "platform/KLTFastJson.h"
 #include "platform/KLTUserDefaults.h"
 #include "platform/KLTValueReader.h"
 #include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTSameTree.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/stream_line.h"
@@ -58,6 +60,50 @@ TEST(KLTValueReader, StoreHoldingADeepValueIsMovedAsideNotCrashed) {
   EXPECT_TRUE(KLTUserDefaults(dir.path() / "store").objectForKey("deep").is_null());
   EXPECT_TRUE(log.log().contains("Unreadable user defaults store"));
   EXPECT_TRUE(klt::readCbor(std::string(100'000, '\x81')).tooDeep);  // 100,000 nested one-element lists
+}
+
+// The quicker reader either builds the library's very tree or stands aside, and readJsonText() reads
+// every text as the library alone does, errors included.
+TEST(KLTValueReader, QuickReaderBuildsTheLibrarysTreeOrStandsAside) {
+  const struct {
+    std::string text;
+    bool quick;  // whether the quicker reader answers
+  } cases[] = {
+      {R"({"t":1795382378000,"type":"client","name":"a","attributes":{"s":"é","n":-3,"f":2.5,"b":true,"z":null,"l":[1,"x",{}]}})", true},
+      {" 0 ", true},
+      {"-0", false},  // a signed zero to the library
+      {"[1,-0.0]", true},  // a floating zero keeps its sign either way
+      {"18446744073709551615", true},
+      {"18446744073709551616", false},  // past 64 bits: a floating number to the library
+      {"-9223372036854775808", true},
+      {"-9223372036854775809", false},
+      {"[1e400]", false},
+      {"[1e-400, 1.5e3, 0.1, 4.9e-324]", true},
+      {R"({"a":1,"b":2,"a":[3]})", true},  // a repeated key: first place, last value
+      {R"(["\u00e9\ud83d\ude00"])", false},
+      {R"(["\ud800"])", false},
+      {"[\"a\tb\"]", false},  // a control character inside a text
+      {"[\"\xff\"]", false},
+      {"\xef\xbb\xbf{}", false},
+      {"{} x", false},
+      {" ", false},
+      {"{\"a\":}", false},
+      {nested(256), true},
+      {nested(257), false},
+      {"[" + std::string(70'000, ' ') + "]", false},  // past the size the quicker reader takes
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 80));
+    const auto quick = klt::readJsonFast(c.text);
+    const klt::KLTValueRead library = klt::readJsonTextByLibrary(c.text);
+    EXPECT_EQ(quick.has_value(), c.quick);
+    if (quick) {
+      EXPECT_TRUE(library.ok() && kltfixture::sameTree(*quick, library.value)) << library.value.dump();
+    }
+    const klt::KLTValueRead read = klt::readJsonText(c.text);
+    EXPECT_EQ(read.error, library.error);
+    EXPECT_TRUE(kltfixture::sameTree(read.value, library.value));
+  }
 }
 
 }  // namespace

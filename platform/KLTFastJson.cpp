@@ -1,0 +1,105 @@
+#include "platform/KLTFastJson.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <simdjson.h>
+
+#include "platform/KLTValueReader.h"
+
+namespace klt {
+
+namespace {
+
+// The reader and a padded copy of the text: the reader looks a little past the text's end.
+struct ThreadReader {
+  simdjson::dom::parser parser;
+  std::unique_ptr<char[]> buffer{new char[kKLTFastJsonLimit + simdjson::SIMDJSON_PADDING]};
+};
+
+class Builder {
+ public:
+  explicit Builder(std::string_view text) : text_(text) {}
+
+  // False when the tree would not be the library's (see the header); out is then unusable.
+  bool build(simdjson::dom::element e, KLTValue& out, std::size_t depth) {
+    using Type = simdjson::dom::element_type;
+    switch (e.type()) {
+      case Type::ARRAY: {
+        if (depth == kKLTMaxValueDepth) return false;
+        out = KLTValue::array();
+        for (simdjson::dom::element child : simdjson::dom::array(e)) {
+          KLTValue& slot = out.emplace_back();
+          if (!build(child, slot, depth + 1)) return false;
+        }
+        return true;
+      }
+      case Type::OBJECT: {
+        if (depth == kKLTMaxValueDepth) return false;
+        out = KLTValue::object();
+        auto& fields = *out.get_ptr<KLTValue::object_t*>();
+        for (simdjson::dom::key_value_pair field : simdjson::dom::object(e)) {
+          KLTValue child;
+          if (!build(field.value, child, depth + 1)) return false;
+          // As the library's builder does: a repeated key keeps its first place, takes the last value.
+          if (auto it = fields.find(field.key); it != fields.end()) {
+            it->second = std::move(child);
+          } else {
+            fields.emplace_back(std::string(field.key), std::move(child));
+          }
+        }
+        return true;
+      }
+      case Type::INT64: {
+        const int64_t v = int64_t(e);
+        // The library reads "-0" as a signed zero and every other unsigned integer text as unsigned.
+        if (v == 0 && text_.find("-0") != std::string_view::npos) return false;
+        out = v < 0 ? KLTValue(v) : KLTValue(static_cast<uint64_t>(v));
+        return true;
+      }
+      case Type::UINT64:
+        out = uint64_t(e);
+        return true;
+      case Type::DOUBLE:
+        out = double(e);
+        return true;
+      case Type::STRING:
+        out = std::string(std::string_view(e));
+        return true;
+      case Type::BOOL:
+        out = bool(e);
+        return true;
+      case Type::NULL_VALUE:
+        out = nullptr;
+        return true;
+    }
+    return false;
+  }
+
+ private:
+  std::string_view text_;
+};
+
+}  // namespace
+
+std::optional<KLTValue> readJsonFast(std::string_view text) {
+  // A \u escape may stand for half of a pair, which the two readers judge differently: the
+  // library's rules decide.
+  if (text.size() > kKLTFastJsonLimit || text.find("\\u") != std::string_view::npos) return std::nullopt;
+  try {
+    thread_local ThreadReader reader;
+    std::memcpy(reader.buffer.get(), text.data(), text.size());
+    std::memset(reader.buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
+    simdjson::dom::element root;
+    if (reader.parser.parse(reader.buffer.get(), text.size(), false).get(root) != simdjson::SUCCESS) return std::nullopt;
+    KLTValue value;
+    if (!Builder(text).build(root, value, 0)) return std::nullopt;
+    return value;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace klt
