@@ -29,8 +29,10 @@ class Builder {
     switch (e.type()) {
       case Type::ARRAY: {
         if (depth == kKLTMaxValueDepth) return false;
+        const simdjson::dom::array items(e);
         out = KLTValue::array();
-        for (simdjson::dom::element child : simdjson::dom::array(e)) {
+        out.get_ptr<KLTValue::array_t*>()->reserve(items.size());
+        for (simdjson::dom::element child : items) {
           KLTValue& slot = out.emplace_back();
           if (!build(child, slot, depth + 1)) return false;
         }
@@ -38,9 +40,11 @@ class Builder {
       }
       case Type::OBJECT: {
         if (depth == kKLTMaxValueDepth) return false;
+        const simdjson::dom::object members(e);
         out = KLTValue::object();
         auto& fields = *out.get_ptr<KLTValue::object_t*>();
-        for (simdjson::dom::key_value_pair field : simdjson::dom::object(e)) {
+        fields.reserve(members.size());
+        for (simdjson::dom::key_value_pair field : members) {
           KLTValue child;
           if (!build(field.value, child, depth + 1)) return false;
           // As the library's builder does: a repeated key keeps its first place, takes the last value.
