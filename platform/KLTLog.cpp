@@ -76,15 +76,17 @@ bool KLTLog::enabled(KLTLogLevel level) {
 
 std::string KLTLog::format(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
   std::string out;
+  // One allocation for the whole line: the level tag, the texts and up to ten digits with the spaces.
+  out.reserve(32 + message.size() + method.size());
   switch (level) {
     case KLTLogLevel::Debug:
-      out = "<KLT DEBUG> ";
+      out.append("<KLT DEBUG> ");
       break;
     case KLTLogLevel::Info:
-      out = "<KLT INFO> ";
+      out.append("<KLT INFO> ");
       break;
     case KLTLogLevel::Error:
-      out = "<KLT ERROR> ";
+      out.append("<KLT ERROR> ");
       break;
   }
   out.append(message).append(" ").append(method).append(":").append(std::to_string(line)).append("\n");
