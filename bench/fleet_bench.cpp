@@ -7,6 +7,7 @@
 //   1,000, 10,000 and 100,000 devices of 10 events: it must not grow with the fleet.
 // Each case runs once per repetition; run with --benchmark_repetitions=3 for medians and spread.
 #include <benchmark/benchmark.h>
+#include <simdjson.h>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -94,6 +95,20 @@ void BM_Baseline_JsonLinesParse_10kDevicesX100Events(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices * kEvents));
 }
 BENCHMARK(BM_Baseline_JsonLinesParse_10kDevicesX100Events)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+// A second baseline, for scale: simdjson's own parse of each line, building no value at all.
+void BM_Baseline_SimdjsonLinesParse_10kDevicesX100Events(benchmark::State& state) {
+  simdjson::dom::parser parser;
+  for (auto _ : state) {
+    std::istringstream in(fleet());
+    std::string line;
+    std::size_t objects = 0;
+    while (std::getline(in, line)) objects += parser.parse(line).is_object();
+    benchmark::DoNotOptimize(objects);
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kDevices * kEvents);
+}
+BENCHMARK(BM_Baseline_SimdjsonLinesParse_10kDevicesX100Events)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 // The whole command with 1 (the baseline) or 2 worker processes; its output is dropped.
 void BM_FleetCommand_Workers(benchmark::State& state) {

@@ -4,6 +4,7 @@
 // (kltce::runReplay, the engine on the queue the replay drains, its log through the tool's
 // buffered sink, here writing to /dev/null), with --fresh and --auto-shown.
 #include <benchmark/benchmark.h>
+#include <simdjson.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -69,5 +70,19 @@ void BM_Baseline_JsonLinesParse_1MEvents(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kEvents);
 }
 BENCHMARK(BM_Baseline_JsonLinesParse_1MEvents)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
+// A second baseline, for scale: simdjson's own parse of each line, building no value at all.
+void BM_Baseline_SimdjsonLinesParse_1MEvents(benchmark::State& state) {
+  simdjson::dom::parser parser;
+  for (auto _ : state) {
+    std::istringstream in(stream());
+    std::string line;
+    std::size_t objects = 0;
+    while (std::getline(in, line)) objects += parser.parse(line).is_object();
+    benchmark::DoNotOptimize(objects);
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kEvents);
+}
+BENCHMARK(BM_Baseline_SimdjsonLinesParse_1MEvents)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 }  // namespace
