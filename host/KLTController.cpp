@@ -37,11 +37,11 @@ std::optional<std::pair<unsigned long, std::string_view>> splitIdentifier(std::s
 
 }  // namespace
 
-void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener) {
+void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::shared_ptr<KLTEventListener> listener,
+                              KLTSerialQueue* queue) {
   if (slot && std::find(slot->listeners.begin(), slot->listeners.end(), listener) != slot->listeners.end()) return;
   // Copy on write: deliveries in progress keep the list they took.
   auto next = slot ? std::make_shared<ListenerList>(*slot) : std::make_shared<ListenerList>();
-  KLTSerialQueue* queue = listener->eventQueue();
   if (!next->listeners.empty() && next->queue != queue) queue = nullptr;
   next->queue = queue;
   next->listeners.push_back(std::move(listener));
@@ -51,21 +51,23 @@ void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::sh
 void KLTController::registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener) {
   if (!listener) return;
   const auto split = splitIdentifier(identifier);
+  KLTSerialQueue* queue = listener->eventQueue();  // asked outside the lock: it may reach other objects
   std::unique_lock lock(mutex_);
   if (!split) {
-    addUnique(undeliverable_[identifier], std::move(listener));
+    addUnique(undeliverable_[identifier], std::move(listener), queue);
     return;
   }
   ByName& names = byIdentifier_[split->first];
   auto it = names.find(split->second);
   if (it == names.end()) it = names.emplace(std::string(split->second), nullptr).first;
-  addUnique(it->second, std::move(listener));
+  addUnique(it->second, std::move(listener), queue);
 }
 
 void KLTController::registerForEventWithType(unsigned long eventType, std::shared_ptr<KLTEventListener> listener) {
   if (!listener) return;
+  KLTSerialQueue* queue = listener->eventQueue();
   std::unique_lock lock(mutex_);
-  addUnique(byType_[eventType], std::move(listener));
+  addUnique(byType_[eventType], std::move(listener), queue);
 }
 
 std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& event) {

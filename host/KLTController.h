@@ -87,7 +87,8 @@ class KLTController {
     std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
   };
   using ByName = std::unordered_map<std::string, ListSlot, NameHash, std::equal_to<>>;
-  static void addUnique(ListSlot& slot, std::shared_ptr<KLTEventListener> listener);
+  // Adds the listener once; queue is its eventQueue().
+  static void addUnique(ListSlot& slot, std::shared_ptr<KLTEventListener> listener, KLTSerialQueue* queue);
 
   mutable std::shared_mutex mutex_;
   // Identifiers "<code>___<name>" by code, then name. An identifier that no event's can equal (its
