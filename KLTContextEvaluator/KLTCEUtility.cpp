@@ -262,8 +262,7 @@ struct KLTCEAttributeRules::Rule {
   Check check;
   Word word;
   KLTValue text;       // Text: the value asked for, of any kind
-  bool truth = false;  // Truth: the rule's value read as a truth
-  int64_t number = 0;  // Number: the integer asked for
+  int64_t number = 0;  // Number: the integer asked for; Truth: 1 or 0, the rule's value read as a truth
 };
 
 KLTCEAttributeRules::KLTCEAttributeRules(const KLTValue& data) {
@@ -278,10 +277,10 @@ KLTCEAttributeRules::KLTCEAttributeRules(const KLTValue& data) {
       if (isLetter(type, 's')) {
         rules_.push_back({it.key(), Check::Text, word, val});
       } else if (isLetter(type, 'b')) {
-        rules_.push_back({it.key(), Check::Truth, word, {}, klt::boolValue(val)});
+        rules_.push_back({it.key(), Check::Truth, word, {}, klt::boolValue(val) ? 1 : 0});
       } else if (isLetter(type, 'l') || isLetter(type, 'n')) {
         if (!klt::isNumber(val)) never_ = true;
-        rules_.push_back({it.key(), Check::Number, word, {}, false, klt::integerValue(val)});
+        rules_.push_back({it.key(), Check::Number, word, {}, klt::integerValue(val)});
       }
       // Any other type letter, or none, leaves the key out of the match.
     } else if (klt::isString(x)) {
@@ -289,7 +288,7 @@ KLTCEAttributeRules::KLTCEAttributeRules(const KLTValue& data) {
     } else if (klt::isNumber(x)) {
       // The data number is read as a floating number first, so 3.7 asks for 3 and a huge integer
       // saturates rather than wrapping.
-      rules_.push_back({it.key(), Check::Number, Word::EQ, {}, false, klt::integerValue(KLTValue(klt::doubleValue(x)))});
+      rules_.push_back({it.key(), Check::Number, Word::EQ, {}, klt::integerValue(KLTValue(klt::doubleValue(x)))});
     }
   }
 }
@@ -306,7 +305,7 @@ bool KLTCEAttributeRules::matches(const KLTValue& eventAttributes) const {
         passes = checkStringWord(rule.text, y, rule.word);
         break;
       case Rule::Check::Truth:
-        passes = checkBoolWord(rule.truth, klt::boolValue(y), rule.word);
+        passes = checkBoolWord(rule.number != 0, klt::boolValue(y), rule.word);
         break;
       case Rule::Check::Number:
         passes = checkAttrValueWord(y, rule.number, rule.word);

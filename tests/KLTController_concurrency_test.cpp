@@ -32,7 +32,8 @@ class RegisteringListener final : public KLTEventListener {
 
 // Delivery by identifier and by code is what every runtime scenario rests on; here are the edges:
 // one delivery per registration (the same listener twice under one key counts once, under a key and
-// a code twice), and a listener that registers another while it is being called.
+// a code twice), a listener that registers another while it is being called, and display events
+// with and without a handler.
 TEST(KLTController, DeliversOncePerRegistrationAndLetsListenersRegister) {
   KLTController controller;
   auto twiceSameKey = std::make_shared<CountingListener>(), idAndCode = std::make_shared<CountingListener>();
@@ -49,6 +50,14 @@ TEST(KLTController, DeliversOncePerRegistrationAndLetsListenersRegister) {
   controller.registerForEventWithType(9, std::make_shared<RegisteringListener>(controller));
   EXPECT_EQ(controller.deliverEvent(KLTEvent::make(9, "go")), 1u) << "the list taken at delivery start is used";
   EXPECT_EQ(controller.registrationCount(), 5u);
+  // Display events reach the handler installed; without one they are dropped.
+  int shown = 0;
+  controller.dispatchEvent(std::make_shared<KLTInAppEvent>());
+  controller.setDispatchHandler([&](std::shared_ptr<KLTDisplayEvent>) { ++shown; });
+  controller.dispatchEvent(std::make_shared<KLTInAppEvent>());
+  controller.setDispatchHandler(nullptr);
+  controller.dispatchEvent(std::make_shared<KLTInAppEvent>());
+  EXPECT_EQ(shown, 1);
 }
 
 // Identifiers are routed by their code and name: only an exact "<code>___<name>" is ever reached.
