@@ -103,13 +103,8 @@ std::string depthMessage() { return "nested deeper than " + std::to_string(kKLTM
 }  // namespace
 
 KLTValueRead readJsonText(std::string_view text) {
-  KLTValueRead r;
-  if (auto fast = readJsonFast(text)) {
-    r.value = std::move(*fast);
-    return r;
-  }
-  r = readJsonTextByLibrary(text);
-  return r;
+  if (auto fast = readJsonFast(text)) return KLTValueRead{std::move(*fast), {}};
+  return readJsonTextByLibrary(text);
 }
 
 KLTValueRead readJsonTextByLibrary(std::string_view text) {
