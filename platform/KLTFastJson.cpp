@@ -86,23 +86,76 @@ class Builder {
   std::string_view text_;
 };
 
+// The thread's reading of text, or nothing when the text is not for the quick reader.
+bool readSmall(std::string_view text, simdjson::dom::element& root) {
+  // A \u escape may stand for half of a pair, which the two readers judge differently: the
+  // library's rules decide.
+  if (text.size() > kKLTFastJsonLimit || text.find("\\u") != std::string_view::npos) return false;
+  thread_local ThreadReader reader;
+  std::memcpy(reader.buffer.get(), text.data(), text.size());
+  std::memset(reader.buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
+  return reader.parser.parse(reader.buffer.get(), text.size(), false).get(root) == simdjson::SUCCESS;
+}
+
 }  // namespace
 
 std::optional<KLTValue> readJsonFast(std::string_view text) {
-  // A \u escape may stand for half of a pair, which the two readers judge differently: the
-  // library's rules decide.
-  if (text.size() > kKLTFastJsonLimit || text.find("\\u") != std::string_view::npos) return std::nullopt;
   try {
-    thread_local ThreadReader reader;
-    std::memcpy(reader.buffer.get(), text.data(), text.size());
-    std::memset(reader.buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
     simdjson::dom::element root;
-    if (reader.parser.parse(reader.buffer.get(), text.size(), false).get(root) != simdjson::SUCCESS) return std::nullopt;
+    if (!readSmall(text, root)) return std::nullopt;
     KLTValue value;
     if (!Builder(text).build(root, value, 0)) return std::nullopt;
     return value;
   } catch (...) {
     return std::nullopt;
+  }
+}
+
+// Hands a reading's members out as fields; a friend of the field, which hides the element.
+class KLTFastJsonReading {
+ public:
+  static bool visit(std::string_view text, KLTFastJsonVisitor& visitor) {
+    simdjson::dom::element root;
+    if (!readSmall(text, root) || root.type() != simdjson::dom::element_type::OBJECT) return false;
+    for (simdjson::dom::key_value_pair member : simdjson::dom::object(root)) {
+      if (!visitor.member(member.key, KLTFastJsonField(&member.value, text))) return false;
+    }
+    return true;
+  }
+};
+
+bool readJsonFastObject(std::string_view text, KLTFastJsonVisitor& visitor) {
+  try {
+    return KLTFastJsonReading::visit(text, visitor);
+  } catch (...) {
+    return false;
+  }
+}
+
+KLTFastJsonField::Kind KLTFastJsonField::kind() const {
+  using Type = simdjson::dom::element_type;
+  switch (static_cast<const simdjson::dom::element*>(element_)->type()) {
+    case Type::ARRAY: return Kind::Array;
+    case Type::OBJECT: return Kind::Object;
+    case Type::STRING: return Kind::Text;
+    case Type::BOOL: return Kind::Boolean;
+    case Type::NULL_VALUE: return Kind::Null;
+    default: return Kind::Number;
+  }
+}
+
+std::string_view KLTFastJsonField::text() const {
+  std::string_view out;
+  if (static_cast<const simdjson::dom::element*>(element_)->get_string().get(out) != simdjson::SUCCESS) return {};
+  return out;
+}
+
+bool KLTFastJsonField::build(KLTValue& out) const {
+  try {
+    // A member sits one level down in its object.
+    return Builder(source_).build(*static_cast<const simdjson::dom::element*>(element_), out, 1);
+  } catch (...) {
+    return false;
   }
 }
 

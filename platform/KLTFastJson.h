@@ -25,4 +25,35 @@ inline constexpr std::size_t kKLTFastJsonLimit = 64 * 1024;
 
 std::optional<KLTValue> readJsonFast(std::string_view text);
 
+// A member's value in a text that readJsonFastObject() reads; valid during the visitor's call only.
+class KLTFastJsonField {
+ public:
+  enum class Kind { Null, Boolean, Number, Text, Array, Object };
+  Kind kind() const;
+  // A text value, its escapes resolved; empty for any other kind.
+  std::string_view text() const;
+  // The value as the library builds it; false (out unusable) when that cannot be promised.
+  bool build(KLTValue& out) const;
+
+ private:
+  friend class KLTFastJsonReading;
+  KLTFastJsonField(const void* element, std::string_view source) : element_(element), source_(source) {}
+  const void* element_;
+  std::string_view source_;
+};
+
+class KLTFastJsonVisitor {
+ public:
+  virtual ~KLTFastJsonVisitor() = default;
+  // One member of the object, in text order, repeated keys included; false stops the reading.
+  virtual bool member(std::string_view key, const KLTFastJsonField& value) = 0;
+};
+
+// Reads text as one JSON object and hands its members to visitor, without building the object:
+// for a caller that wants a few members and reads the rest the library's way. False when
+// readJsonFast would answer nothing for a reason the whole text shows (a syntax error, the size
+// limit, a \u escape), when the text is not an object, or when the visitor stops. A member's
+// text() is the library's text; what build() promises holds for each member built.
+bool readJsonFastObject(std::string_view text, KLTFastJsonVisitor& visitor);
+
 }  // namespace klt

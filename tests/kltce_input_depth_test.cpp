@@ -1,6 +1,7 @@
 // Reading values from outside. The nesting limit on documents, event lines and stored values: past
 // it they are refused with one message that says where, never by a crash, and values at the limit
-// read as before. And the quicker reader of small texts, held to the library's own reading.
+// read as before. And the quicker readers of small texts and event lines, held to the library's
+// own reading.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -9,6 +10,7 @@
 #include "platform/KLTUserDefaults.h"
 #include "platform/KLTValueReader.h"
 #include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTSameStreamLine.h"
 #include "testsupport/KLTSameTree.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
@@ -103,6 +105,51 @@ TEST(KLTValueReader, QuickReaderBuildsTheLibrarysTreeOrStandsAside) {
     const klt::KLTValueRead read = klt::readJsonText(c.text);
     EXPECT_EQ(read.error, library.error);
     EXPECT_TRUE(kltfixture::sameTree(read.value, library.value));
+  }
+}
+
+// An event line read straight from its text is the line the general reading makes of the library's
+// tree (a fleet's "device" taken out); any other line is left to the general reading.
+TEST(KLTValueReader, QuickEventLineIsTheGeneralReadingOrStandsAside) {
+  const struct {
+    const char* text;
+    bool device;  // a fleet's line
+    bool quick;   // whether the quick reading answers
+  } cases[] = {
+      {R"({"t":1795382378000,"type":"app","name":"buy","attributes":{"plan":"gold","n":[1,{"x":null}]}})", false, true},
+      {R"({"type":"presence"})", false, true},
+      {R"({"type":"presence","name":null,"attributes":null,"t":null})", false, true},
+      {R"({"t":"2026-11-22T09:00:00+01:00","type":"activity","name":"Home"})", false, true},
+      {R"({"t":1.7953823785e12,"type":"client","name":"c"})", false, true},
+      {R"({"device":"d1","t":1795382378000,"type":"client","name":"c"})", true, true},
+      {R"({"device":"d1","type":"client","name":"c"})", false, false},  // a key run lines do not know
+      {R"({"type":"app","name":null})", false, false},                    // an error: a name is needed
+      {R"({"type":"app"})", false, false},
+      {R"({"type":"app","name":"x","name":"y"})", false, false},          // a repeated key
+      {R"({"type":"app","name":"x","colour":1})", false, false},          // an unknown key, noted
+      {R"({"type":"app","name":"x","attributes":[1]})", false, false},
+      {R"({"type":"app","name":"x","attributes":{"z":-0}})", false, false},
+      {R"({"type":"screen","name":"x"})", false, false},
+      {R"({"type":4,"name":"x"})", false, false},
+      {R"({"type":"app","name":7})", false, false},
+      {R"({"t":"yesterday","type":"app","name":"x"})", false, false},
+      {R"({"t":253402300800000,"type":"app","name":"x"})", false, false},
+      {R"({"t":true,"type":"app","name":"x"})", false, false},
+      {R"({"action":"shown","id":"x"})", false, false},
+      {R"({"type":"app","name":"\u0041"})", false, false},
+      {R"([{"type":"app","name":"x"}])", false, false},
+      {R"({"type":"app","name":"x"} {})", false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto quick = kltce::readEventLineQuickly(c.text, c.device);
+    EXPECT_EQ(quick.has_value(), c.quick);
+    if (!quick) continue;
+    KLTValue tree = klt::readJsonTextByLibrary(c.text).value;
+    tree.erase("device");
+    const kltce::LineResult general = kltce::streamLineFromObject(tree);
+    ASSERT_TRUE(general.line.has_value()) << general.error;
+    EXPECT_TRUE(kltfixture::sameStreamLine(*quick, *general.line));
   }
 }
 

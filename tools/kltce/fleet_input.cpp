@@ -121,6 +121,13 @@ bool FleetReader::DeviceLines::next(std::size_t& number, LineResult& line) {
   if (r.pending_->device != r.device_) return false;  // the next device's first line
   Line l = std::move(*r.pending_);
   r.pending_.reset();
+  if (!l.json) {
+    if (auto quick = readEventLineQuickly(l.text, true)) {
+      number = ++read;
+      line = LineResult{std::move(*quick), {}};
+      return true;
+    }
+  }
   KLTValue json;
   if (l.json) {
     json = std::move(*l.json);

@@ -4,6 +4,7 @@
 #include <initializer_list>
 
 #include "host/KLTEvent.h"
+#include "platform/KLTFastJson.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/time_text.h"
 
@@ -104,7 +105,62 @@ LineResult parseAction(KLTValue& object, StreamLine line) {
   return LineResult{std::move(line), {}};
 }
 
+// Takes the members of an event line as they come; stops at anything the general reading would
+// treat otherwise than taking the member (an unknown key, a repeated one, a value of a kind it refuses).
+class QuickEventLine final : public klt::KLTFastJsonVisitor {
+ public:
+  explicit QuickEventLine(bool deviceKey) : deviceKey_(deviceKey) {}
+
+  bool member(std::string_view key, const klt::KLTFastJsonField& value) override {
+    using Kind = klt::KLTFastJsonField::Kind;
+    const Key k = key == "t" ? T : key == "type" ? Type : key == "name" ? Name : key == "attributes" ? Attributes
+                  : deviceKey_ && key == "device" ? Device : None;
+    if (k == None || (seen_ & k) != 0) return false;
+    seen_ |= k;
+    switch (k) {
+      case T: {
+        if (value.kind() == Kind::Null) return true;
+        KLTValue t;
+        if (!value.build(t)) return false;
+        line.time = readInstant(t);
+        return line.time.has_value();
+      }
+      case Type:
+        line.code = value.kind() == Kind::Text ? eventCodeForType(value.text()) : 0;
+        return line.code != 0;
+      case Name:
+        if (value.kind() == Kind::Null) return true;
+        if (value.kind() != Kind::Text) return false;
+        line.name = value.text();
+        named_ = true;
+        return true;
+      case Attributes:
+        if (value.kind() == Kind::Null) return true;
+        return value.kind() == Kind::Object && value.build(line.attributes);
+      default:
+        return true;  // the fleet's device, read from the line already
+    }
+  }
+
+  // Whether the members make a whole event line: a type, and a name unless a presence.
+  bool whole() const { return (seen_ & Type) != 0 && (named_ || line.code == kKLTEventCodePresence); }
+
+  StreamLine line;
+
+ private:
+  enum Key : unsigned { None = 0, T = 1, Type = 2, Name = 4, Attributes = 8, Device = 16 };
+  bool deviceKey_;
+  unsigned seen_ = 0;
+  bool named_ = false;
+};
+
 }  // namespace
+
+std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey) {
+  QuickEventLine quick(deviceKey);
+  if (!klt::readJsonFastObject(text, quick) || !quick.whole()) return std::nullopt;
+  return std::move(quick.line);
+}
 
 unsigned long eventCodeForType(std::string_view type) {
   if (type == "activity") return kKLTEventCodeActivity;
@@ -116,6 +172,7 @@ unsigned long eventCodeForType(std::string_view type) {
 
 LineResult parseStreamLine(std::string_view text) {
   if (isBlank(text)) return {};
+  if (auto quick = readEventLineQuickly(text, false)) return LineResult{std::move(*quick), {}};
   JsonResult json = parseJson(text);
   if (!json.ok()) return fail((json.tooDeep ? "refused: " : "not valid JSON: ") + json.error);
   return streamLineFromObject(json.value);

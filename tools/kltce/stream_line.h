@@ -65,6 +65,12 @@ LineResult parseStreamLine(std::string_view text);
 // the line's objects (attributes, custom info) are moved out of object.
 LineResult streamLineFromObject(KLTValue& object);
 
+// The line streamLineFromObject makes of an event line whose keys are all known ("t", "type",
+// "name", "attributes", each at most once, and "device" when deviceKey: a fleet's line), read
+// straight from the text; nothing for any other line or any doubt, which the general reading
+// then reads (and words, and notes). The common line, read without building its whole tree.
+std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey);
+
 // The host event code of an event type word ("app" 4, ...); 0 when unknown.
 unsigned long eventCodeForType(std::string_view type);
 
