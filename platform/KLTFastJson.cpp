@@ -41,8 +41,9 @@ class Builder {
       case Type::OBJECT: {
         if (depth == kKLTMaxValueDepth) return false;
         const simdjson::dom::object members(e);
-        out = KLTValue::object();
+        if (!out.is_object()) out = KLTValue::object();  // an object given to fill keeps its memory
         auto& fields = *out.get_ptr<KLTValue::object_t*>();
+        fields.clear();
         fields.reserve(members.size());
         for (simdjson::dom::key_value_pair field : members) {
           KLTValue child;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <mutex>
 
 std::atomic<long> LOG_LEVEL{2};
@@ -74,10 +75,21 @@ bool KLTLog::enabled(KLTLogLevel level) {
   return true;
 }
 
+void KLTLogSink::writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
+  write(KLTLog::format(level, message, method, line));
+}
+
 std::string KLTLog::format(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
   std::string out;
-  // One allocation for the whole line: the level tag, the texts and up to ten digits with the spaces.
+  // One allocation for the whole line: the level tag, the texts and up to eleven characters of
+  // number with the spaces.
   out.reserve(32 + message.size() + method.size());
+  appendLine(out, level, message, method, line);
+  return out;
+}
+
+void KLTLog::appendLine(std::string& out, KLTLogLevel level, std::string_view message, std::string_view method,
+                        int line) {
   switch (level) {
     case KLTLogLevel::Debug:
       out.append("<KLT DEBUG> ");
@@ -89,11 +101,12 @@ std::string KLTLog::format(KLTLogLevel level, std::string_view message, std::str
       out.append("<KLT ERROR> ");
       break;
   }
-  out.append(message).append(" ").append(method).append(":").append(std::to_string(line)).append("\n");
-  return out;
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, line).ptr;
+  out.append(message).append(" ").append(method).append(":").append(digits, end).append("\n");
 }
 
 void KLTLog::emit(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
   if (!enabled(level)) return;
-  sink()->write(format(level, message, method, line));
+  sink()->writeLine(level, message, method, line);
 }

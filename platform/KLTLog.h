@@ -28,6 +28,9 @@ class KLTLogSink {
   virtual ~KLTLogSink() = default;
   // Receives one formatted line, ending in "\n".
   virtual void write(std::string_view line) = 0;
+  // Receives one line in its parts. The default formats it (KLTLog::format) and calls write(); a
+  // sink that places the parts itself, or drops lines, overrides it and spares that copy.
+  virtual void writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line);
   // Writes out whatever a buffering sink still holds (nothing to do for the others).
   virtual void flush() {}
 };
@@ -45,6 +48,9 @@ class KLTLog {
   static bool enabled(KLTLogLevel level);
   // The formatted line, "<KLT LEVEL> message method:line\n".
   static std::string format(KLTLogLevel level, std::string_view message, std::string_view method, int line);
+  // The same line appended to out.
+  static void appendLine(std::string& out, KLTLogLevel level, std::string_view message, std::string_view method,
+                         int line);
   // Formats and writes one line if its level passes the gate.
   static void emit(KLTLogLevel level, std::string_view message, std::string_view method, int line);
 };

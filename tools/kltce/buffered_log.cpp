@@ -18,6 +18,12 @@ void BufferedLogSink::write(std::string_view line) {
   if (buffer_.size() >= blockSize_) writeOut();
 }
 
+void BufferedLogSink::writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
+  std::lock_guard lock(mutex_);
+  KLTLog::appendLine(buffer_, level, message, method, line);
+  if (buffer_.size() >= blockSize_) writeOut();
+}
+
 void BufferedLogSink::flush() {
   std::lock_guard lock(mutex_);
   writeOut();

@@ -21,6 +21,7 @@ class BufferedLogSink final : public KLTLogSink {
   ~BufferedLogSink() override;
 
   void write(std::string_view line) override;
+  void writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line) override;
   void flush() override;
 
  private:

@@ -30,6 +30,7 @@ class NullBuffer final : public std::streambuf {
 class DroppedLog final : public KLTLogSink {
  public:
   void write(std::string_view) override {}
+  void writeLine(KLTLogLevel, std::string_view, std::string_view, int) override {}
   void flush() override {}
 };
 

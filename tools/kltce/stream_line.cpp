@@ -78,6 +78,7 @@ LineResult parseAction(KLTValue& object, StreamLine line) {
     noteUnknownKeys(object, {"t", "action", "custom_info"}, line);
   } else if (word == "new_session") {
     line.kind = LineKind::NewSession;
+    line.customInfo = KLTValue::object();
     if (!readObject(object, "attributes", line.attributes, error)) return fail(error);
     if (!readObject(object, "custom_info", line.customInfo, error)) return fail(error);
     const KLTValue& first = klt::valueForKey(object, "first_session");

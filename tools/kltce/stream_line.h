@@ -45,8 +45,8 @@ struct StreamLine {
   KLTValue attributes = KLTValue::object();  // also: set_*_attributes, new_session
   // Shown
   std::string id;
-  // set_*_custom_info, new_session
-  KLTValue customInfo = KLTValue::object();
+  // set_*_custom_info, new_session (an object there; nothing on other lines)
+  KLTValue customInfo;
   bool firstSession = false;  // new_session
   // Parse: an inline document, a file, or neither (the start document again)
   std::optional<KLTValue> document;
