@@ -49,6 +49,9 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // Queues the parse of a configuration document: configurations sorted by priority, admitted by
   // checkConfiguration() and turned into config items stored by id. Returns at once.
   void parseConfiguration(KLTValue document);
+  // The same parse of a document the caller keeps and may hand to many parses (a fleet parses one
+  // document per device): it is only read, never copied. nullptr parses as an empty document.
+  void parseConfiguration(std::shared_ptr<const KLTValue> document);
   // Queues the count of one display of the campaign with this id (the host calls it after showing
   // one). Unknown ids are ignored. Returns at once.
   void updateCountForConfigWithIdentifier(std::string identifier);
@@ -91,8 +94,11 @@ class KLTContextEvaluator final : public KeltoPlugin {
   explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);
   // The queue chosen by useSerialQueue(), else a new worker-thread queue; no choice is taken after.
   static std::shared_ptr<KLTSerialQueue> takeChosenQueue();
-  // Reads the document's configurations and releases each one once its item is built.
-  void parseTask(KLTValue& document);
+  // Reads the document's configurations. owned: the same document, the engine's own, which gives
+  // up each configuration once its item is built; nullptr: a shared document, only read.
+  void parseTask(KLTValue* owned, const KLTValue& document);
+  // Admits one configuration and stores the item built from it.
+  void parseOne(const KLTValue& config, int64_t priority);
   bool checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const;
   // The admission check in a parse; reports the admission to the observer when one is installed.
   bool admitConfiguration(const KLTValue& config, int64_t priority) const;

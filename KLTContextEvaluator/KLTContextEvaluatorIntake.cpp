@@ -18,32 +18,51 @@ int64_t priorityOf(const KLTValue& config) {
 }  // namespace
 
 void KLTContextEvaluator::parseConfiguration(KLTValue document) {
-  auto shared = std::make_shared<KLTValue>(std::move(document));
-  _ceOpsSerialQueue->async([this, shared] { parseTask(*shared); });
+  auto owned = std::make_shared<KLTValue>(std::move(document));
+  _ceOpsSerialQueue->async([this, owned] { parseTask(owned.get(), *owned); });
 }
 
-void KLTContextEvaluator::parseTask(KLTValue& document) {
-  const auto found = document.find(kKLTConfigs);  // end() for a document that is not a dictionary
-  if (found == document.end() || !found->is_array()) return;
+// A shared document is only read: the items built from it copy what they need, as from an owned
+// one, so the caller may hand the same document to any number of parses.
+void KLTContextEvaluator::parseConfiguration(std::shared_ptr<const KLTValue> document) {
+  static const KLTValue kEmpty;
+  _ceOpsSerialQueue->async([this, document = std::move(document)] { parseTask(nullptr, document ? *document : kEmpty); });
+}
+
+// One configuration of a parse: a rejected one is logged with its id; an admitted one becomes the
+// item stored under its id.
+void KLTContextEvaluator::parseOne(const KLTValue& config, int64_t priority) {
+  const KLTValue& id = klt::valueForKey(config, kKLTConfigId);
+  if (!admitConfiguration(config, priority)) {
+    KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
+                 "Validation failed for config with id: " + klt::textForm(id));
+    return;
+  }
+  // A new item replaces the stored one; the old one stays registered with the host.
+  auto item = KLTCEConfigItem::create(config);
+  if (!item) return;  // no text _id: nothing is built or stored
+  std::shared_ptr<KLTCEConfigItem>& stored = _configuration[item->identifier()];
+  if (stored) retiredItems.push_back(std::move(stored));
+  stored = std::move(item);
+}
+
+void KLTContextEvaluator::parseTask(KLTValue* owned, const KLTValue& document) {
+  const KLTValue& configs = klt::valueForKey(document, kKLTConfigs);  // null for a document that is not a dictionary
+  if (!configs.is_array()) return;
   // Highest priority first, each priority read once; equal priorities keep their document order.
-  std::vector<std::pair<int64_t, KLTValue*>> sorted;
-  sorted.reserve(found->size());
-  for (auto& config : *found) sorted.emplace_back(priorityOf(config), &config);
+  std::vector<std::pair<int64_t, std::size_t>> sorted;
+  sorted.reserve(configs.size());
+  for (std::size_t i = 0; i < configs.size(); ++i) sorted.emplace_back(priorityOf(configs[i]), i);
   std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
-  for (const auto& [priority, config] : sorted) {
-    const KLTValue released = std::move(*config);  // items copy what they need: the document goes as it is read
-    const KLTValue& id = klt::valueForKey(released, kKLTConfigId);
-    if (!admitConfiguration(released, priority)) {
-      KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
-                   "Validation failed for config with id: " + klt::textForm(id));
+  // An owned document goes as it is read, so that a large one is not held twice.
+  KLTValue* ownedConfigs = owned ? &(*owned)[kKLTConfigs] : nullptr;
+  for (const auto& [priority, index] : sorted) {
+    if (!ownedConfigs) {
+      parseOne(configs[index], priority);
       continue;
     }
-    // A new item replaces the stored one; the old one stays registered with the host.
-    auto item = KLTCEConfigItem::create(released);
-    if (!item) continue;  // no text _id: nothing is built or stored
-    std::shared_ptr<KLTCEConfigItem>& stored = _configuration[item->identifier()];
-    if (stored) retiredItems.push_back(std::move(stored));
-    stored = std::move(item);
+    const KLTValue released = std::move((*ownedConfigs)[index]);
+    parseOne(released, priority);
   }
 }
 

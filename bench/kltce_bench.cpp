@@ -64,7 +64,7 @@ const std::string& stream() {
 kltce::ReplayOptions exampleOptions() {
   const std::string dir = std::string(KLTCE_SOURCE_DIR) + "/examples/";
   kltce::ReplayOptions o;
-  o.document = kltce::loadJsonFile(dir + "campaigns.json").value;
+  o.document = std::make_shared<const KLTValue>(kltce::loadJsonFile(dir + "campaigns.json").value);
   o.profile = kltce::parseProfile(kltce::loadJsonFile(dir + "profile.json").value).profile;
   o.fresh = true;       // counters in memory
   o.autoShown = true;   // the cap moves as on a device that shows what it is asked to

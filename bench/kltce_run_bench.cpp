@@ -35,7 +35,7 @@ const std::string& stream() {
 
 void BM_KltceRun_1000Campaigns_1MEvents(benchmark::State& state) {
   kltce::ReplayOptions options;
-  options.document = genevents::campaignDocument(kCampaigns);
+  options.document = std::make_shared<const KLTValue>(genevents::campaignDocument(kCampaigns));
   options.profile.deviceModel = "iPhone14,2";
   options.profile.appVersion = "1.0";
   options.fresh = true;

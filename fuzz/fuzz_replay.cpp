@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (!document.ok() || hasEndlessTimer(document.value) || !streamIsRunnable(rest)) return -1;
 
   kltce::ReplayOptions options;
-  options.document = std::move(document.value);
+  options.document = std::make_shared<const KLTValue>(std::move(document.value));
   options.profile = *profile;
   options.fresh = true;  // counters in memory only
   options.logLevel = 0;

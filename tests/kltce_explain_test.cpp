@@ -40,7 +40,7 @@ KLTValue with(KLTValue c, const char* key, KLTValue v) {
 
 kltce::CampaignOutcome outcomeOf(const Row& row, const std::filesystem::path& state) {
   kltce::ReplayOptions options;
-  options.document = document({row.campaign});  // one campaign, "c"
+  options.document = std::make_shared<const KLTValue>(document({row.campaign}));  // one campaign, "c"
   options.profile.deviceModel = "iPhone14,2";
   options.profile.appVersion = "3.1.9";
   options.zone = KLTTimeZone::fixedOffset(0);

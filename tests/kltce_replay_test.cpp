@@ -28,7 +28,7 @@ struct Outcome {
 
 kltce::ReplayOptions optionsFor(const std::filesystem::path& document, const std::filesystem::path& profile) {
   kltce::ReplayOptions o;
-  o.document = kltce::loadJsonFile(document).value;
+  o.document = std::make_shared<const KLTValue>(kltce::loadJsonFile(document).value);
   o.profile = kltce::parseProfile(kltce::loadJsonFile(profile).value).profile;
   o.fresh = true;  // memory-only counters unless a test sets a state path
   return o;
@@ -127,11 +127,13 @@ TEST(KltceReplay, RunsAcrossTheWholeRangeOfDates) {
   options.fresh = false;
   options.statePath = dir.path() / "counters.kltstore";
   options.autoShown = true;
-  for (auto& config : options.document["configs"]) {
+  KLTValue document = *options.document;
+  for (auto& config : document["configs"]) {
     config["validity"] = {{"start_date", "0001-01-01T00:00:00Z"}, {"end_date", "9999-12-31T23:59:59.999Z"}};
     config["conditions"][0]["time_bounds"] = {{"lower", -62135596800000}, {"upper", 253402300799999}};
     config["conditions"][0]["trigger"]["time_bounds"] = config["conditions"][0]["time_bounds"];
   }
+  options.document = std::make_shared<const KLTValue>(std::move(document));
   const Outcome o = replay(options, R"({"t":"0001-01-01T00:00:00Z","type":"app","name":"pause"})" "\n"
                                     R"({"t":"2500-06-01T09:00:00Z","type":"app","name":"tap"})" "\n"
                                     R"({"t":253402300000000,"type":"app","name":"pause"})" "\n");

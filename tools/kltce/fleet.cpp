@@ -95,7 +95,7 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   auto& evaluator = KLTContextEvaluator::sharedInstance();
 
   ReplayOptions base;
-  base.document = options.document;
+  base.document = std::make_shared<const KLTValue>(options.document);  // shared by every device's parse
   base.autoShown = options.autoShown;
   base.logLevel = 4;  // no DEBUG or ERROR line is even made; INFO lines go to the dropped log
   FleetReader reader(fleet);

@@ -159,8 +159,13 @@ static int runCommand(int argc, char** argv) {
 
   kltce::CheckOptions checkOptions;
   kltce::ReplayOptions replayOptions;
-  KLTValue& doc = run->parsed() ? replayOptions.document : checkOptions.document;
+  KLTValue doc;
   if (!loadDocument(document, doc)) return kExitUsage;
+  if (run->parsed()) {
+    replayOptions.document = std::make_shared<const KLTValue>(std::move(doc));
+  } else {
+    checkOptions.document = std::move(doc);
+  }
 
   if (check->parsed()) {
     checkOptions.profile = std::move(p);

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <system_error>
 #include <vector>
@@ -122,14 +121,14 @@ class Replay {
  public:
   Replay(const ReplayOptions& options, ReplayHost& host, std::ostream& out, std::ostream& err)
       : options_(options), host_(host), out_(out), err_(err), zone_(host.clock().timeZone()) {
-    documents_.push_back(&options.document);
+    if (options.document) documents_.push_back(options.document);
     realNow_ = options.realNow ? options.realNow : [] { return std::chrono::steady_clock::now(); };
     began_ = lastProgress_ = realNow_();
   }
 
   // Parses the start document. False when the engine's queue is blocked for good.
   bool startUp() {
-    KLTContextEvaluator::sharedInstance().parseConfiguration(options_.document);
+    KLTContextEvaluator::sharedInstance().parseConfiguration(options_.document);  // shared, not copied
     return settle(0);
   }
 
@@ -179,18 +178,18 @@ class Replay {
         break;
       }
       case LineKind::Parse: {
-        KLTValue document = options_.document;
+        std::shared_ptr<const KLTValue> document = options_.document;
         if (l.document) {
-          document = *l.document;
+          document = std::make_shared<const KLTValue>(std::move(*l.document));
         } else if (!l.file.empty()) {
           fs::path file = l.file;
           if (file.is_relative() && !options_.baseDir.empty()) file = options_.baseDir / file;
           JsonResult loaded = loadJsonFile(file);
           if (!loaded.ok()) return bad(number, loaded.error);
           if (!loaded.value.is_object()) return bad(number, "'" + file.string() + "' is not a campaign document (a JSON object)");
-          document = std::move(loaded.value);
+          document = std::make_shared<const KLTValue>(std::move(loaded.value));
         }
-        documents_.push_back(&parsedDocuments_.emplace_back(document));
+        documents_.push_back(document);
         evaluator.parseConfiguration(std::move(document));
         posted = true;
         break;
@@ -304,7 +303,7 @@ class Replay {
   std::vector<EndlessTimer> endlessTimers() {
     std::vector<EndlessTimer> found;
     const KLTTimePoint now = host_.clock().now();
-    for (const KLTValue* document : documents_) {
+    for (const auto& document : documents_) {
       const KLTValue& configs = klt::valueForKey(*document, kKLTConfigs);
       if (!configs.is_array()) continue;
       for (const auto& config : configs) {
@@ -342,10 +341,9 @@ class Replay {
   std::ostream& out_;
   std::ostream& err_;
   std::shared_ptr<const KLTTimeZone> zone_;
-  // The documents parsed so far: the start document (not copied: a fleet replays it per device)
-  // and those of parse lines, kept in parsedDocuments_.
-  std::vector<const KLTValue*> documents_;
-  std::deque<KLTValue> parsedDocuments_;
+  // The documents parsed so far, shared with the engine's parses: the start document (a fleet
+  // replays one per device) and those of parse lines.
+  std::vector<std::shared_ptr<const KLTValue>> documents_;
   std::function<std::chrono::steady_clock::time_point()> realNow_;
   std::chrono::steady_clock::time_point began_, lastProgress_;
   bool progressShown_ = false;
@@ -410,11 +408,11 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
 ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ostream& out, std::ostream& err) {
   ReplayResult failed;
   failed.exitCode = kExitUsage;
-  if (!options.document.is_object()) {
+  if (!options.document || !options.document->is_object()) {
     err << "kltce: the document must be a JSON object with \"configs\"\n";
     return failed;
   }
-  if (const KLTValue& configs = klt::valueForKey(options.document, "configs"); !configs.is_null() && !configs.is_array()) {
+  if (const KLTValue& configs = klt::valueForKey(*options.document, "configs"); !configs.is_null() && !configs.is_array()) {
     err << "kltce: the document's \"configs\" must be a list of campaigns\n";
     return failed;
   }

@@ -35,7 +35,7 @@ namespace kltce {
 enum class DisplayFormat { Json, Text };
 
 struct ReplayOptions {
-  KLTValue document;                             // parsed at start-up
+  std::shared_ptr<const KLTValue> document;      // parsed at start-up; only read (a fleet shares one)
   Profile profile;
   std::shared_ptr<const KLTTimeZone> zone;       // nullptr: the profile's, else the system's
   std::optional<KLTTimePoint> start;
