@@ -69,6 +69,13 @@ class KLTCEDecisionObserver {
   KLTCEDecisionObserver& operator=(const KLTCEDecisionObserver&) = delete;
   virtual ~KLTCEDecisionObserver() = default;
   virtual void onDecision(const KLTCEDecision& decision) = 0;
+  // Whether this observer reads the values of records of this kind. For a kind it does not read,
+  // the engine gathers nothing: such records arrive in their place and order, numbered as ever,
+  // with null values. Asked for each record, on the queue; the default reads every kind.
+  virtual bool readsValues(KLTCEDecisionKind kind) const {
+    (void)kind;
+    return true;
+  }
 };
 
 // The admission of one configuration: admitted, or the reason of its rejection as data (the

@@ -26,6 +26,15 @@ void deliver(KLTCEDecisionKind kind, std::string campaign, int64_t condition, KL
   observer->onDecision(decision);
 }
 
+// Delivers the record without values when the observer does not read them (true then), so that
+// a builder gathers nothing for it.
+bool deliveredBare(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition) {
+  KLTCEDecisionObserver* observer = KLTCEDecisions::observer();
+  if (!observer || observer->readsValues(kind)) return false;
+  deliver(kind, campaign, condition, KLTValue());
+  return true;
+}
+
 // A record's values: a dictionary filled entry by entry, in the order given. The entries go straight
 // into the dictionary's storage (the keys are distinct by construction), where a braced list would
 // first build a two-element array for each entry and then look every key up again.
@@ -64,20 +73,23 @@ KLTValue describeCondition(const KLTValue& data) {
   const KLTValue& trigger = klt::valueForKey(data, kKLTTrigger);
   const KLTCETimeBounds triggerBounds(klt::valueForKey(trigger, kKLTTimeBounds));
   const KLTValue& triggerType = klt::valueForKey(trigger, kKLTEventType);
-  return KLTValue{
-      {"event_type", eventType},
-      {"name", ruleName(eventType, klt::valueForKey(data, kKLTActivity), details)},
-      {"count", count.count()},
-      {"operator", count.operatorWord()},
-      {"combine_operator", klt::valueForKey(data, kKLTCombineOperator)},
-      {"lower", bounds.lower()},
-      {"upper", bounds.upper()},
-      {"time", klt::valueForKey(klt::valueForKey(details, kKLTAdditionalInfo), kKLTTime)},
-      {"trigger",
-       {{"event_type", triggerType},
-        {"name", ruleName(triggerType, klt::valueForKey(trigger, kKLTActivity), klt::valueForKey(trigger, kKLTDetails))},
-        {"lower", triggerBounds.lower()},
-        {"upper", triggerBounds.upper()}}}};
+  return Entries(9)
+      .add("event_type", eventType)
+      .add("name", ruleName(eventType, klt::valueForKey(data, kKLTActivity), details))
+      .add("count", count.count())
+      .add("operator", count.operatorWord())
+      .add("combine_operator", klt::valueForKey(data, kKLTCombineOperator))
+      .add("lower", bounds.lower())
+      .add("upper", bounds.upper())
+      .add("time", klt::valueForKey(klt::valueForKey(details, kKLTAdditionalInfo), kKLTTime))
+      .add("trigger", Entries(4)
+                          .add("event_type", triggerType)
+                          .add("name", ruleName(triggerType, klt::valueForKey(trigger, kKLTActivity),
+                                                klt::valueForKey(trigger, kKLTDetails)))
+                          .add("lower", triggerBounds.lower())
+                          .add("upper", triggerBounds.upper())
+                          .done())
+      .done();
 }
 
 // A counter record with its dates as epoch milliseconds, so that it reads as plain JSON.
@@ -133,26 +145,31 @@ void KLTCEDecisions::itemBuilt(const KLTCEConfigItem& item, const KLTValue& cond
 namespace KLTCEDecisions::detail {
 
 void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& a) {
-  if (a.admitted) {
-    deliver(KLTCEDecisionKind::Admitted, klt::textForm(id), -1, KLTValue{{"priority", priority}});
-  } else {
-    deliver(KLTCEDecisionKind::Rejected, klt::textForm(id), -1, a.reason);
-  }
+  const KLTCEDecisionKind kind = a.admitted ? KLTCEDecisionKind::Admitted : KLTCEDecisionKind::Rejected;
+  const std::string campaign = klt::textForm(id);
+  if (deliveredBare(kind, campaign, -1)) return;
+  deliver(kind, campaign, -1, a.admitted ? KLTValue{{"priority", priority}} : a.reason);
 }
 
 void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions, bool sequence) {
+  if (deliveredBare(KLTCEDecisionKind::ItemBuilt, item.identifier(), -1)) return;
   KLTValue list = KLTValue::array();
+  list.get_ref<KLTValue::array_t&>().reserve(conditions.size());
   for (const KLTValue& data : conditions) list.push_back(describeCondition(data));
-  KLTValue values{{"mode", sequence ? "sequence" : "combined"}, {"type", item.displayType()}};
+  Entries values(4);
+  values.add("mode", sequence ? "sequence" : "combined").add("type", item.displayType());
   if (const KLTCETimeLimits* window = item.timeLimits()) {
-    values["window"] = {{"start", hourMinute(window->startTimeHour(), window->startTimeMin())},
-                        {"end", hourMinute(window->endTimeHour(), window->endTimeMin())}};
+    values.add("window", Entries(2)
+                             .add("start", hourMinute(window->startTimeHour(), window->startTimeMin()))
+                             .add("end", hourMinute(window->endTimeHour(), window->endTimeMin()))
+                             .done());
   }
-  values["conditions"] = std::move(list);
-  deliver(KLTCEDecisionKind::ItemBuilt, item.identifier(), -1, std::move(values));
+  values.add("conditions", std::move(list));
+  deliver(KLTCEDecisionKind::ItemBuilt, item.identifier(), -1, values.done());
 }
 
 void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger, const KLTEvent* event) {
+  if (deliveredBare(KLTCEDecisionKind::TriggerFired, source.campaign, source.condition)) return;
   Entries values(4);
   values.add("trigger", trigger.eventType());
   if (event) values.add("code", event->eventType).add("name", event->identifier).add("time", hostMillis());
@@ -160,30 +177,34 @@ void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger
 }
 
 void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
+  if (deliveredBare(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition)) return;
   const KLTValue& type = condition.eventType();
-  KLTValue values{{"event_type", type}};
+  Entries values(3);
+  values.add("event_type", type);
   if (klt::isText(type, kKLTAppEvent)) {
-    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeApp, condition.details().name());
+    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeApp, condition.details().name()));
   } else if (klt::isText(type, kKLTClientEvent)) {
-    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeClient, condition.details().name());
+    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeClient, condition.details().name()));
   } else if (klt::isText(type, kKLTActivityEvent)) {
-    values["listener"] = KLTController::listenerIdentifier(kKLTEventCodeActivity, condition.activity());
+    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeActivity, condition.activity()));
   } else if (klt::isText(type, kKLTIdleTime) || klt::isText(type, kKLTActivityTime)) {
     // The interval as the condition computes it: whole seconds, taken as unsigned.
     const int64_t millis = klt::integerValue(klt::valueForKey(condition.details().additionalInfo(), kKLTTime));
-    values["timer_seconds"] = static_cast<uint64_t>(millis / 1000);
-    if (klt::isText(type, kKLTIdleTime)) values["event_codes"] = {1, 3, 4};
+    values.add("timer_seconds", static_cast<uint64_t>(millis / 1000));
+    if (klt::isText(type, kKLTIdleTime)) values.add("event_codes", {1, 3, 4});
   }
-  deliver(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition, std::move(values));
+  deliver(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition, values.done());
 }
 
 void timerEnded(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
+  if (deliveredBare(KLTCEDecisionKind::TimerEnded, source.campaign, source.condition)) return;
   deliver(KLTCEDecisionKind::TimerEnded, source.campaign, source.condition,
           Entries(2).add("event_type", condition.eventType()).add("time", hostMillis()).done());
 }
 
 void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condition, const KLTEvent& event,
                   bool countHeld, bool completed) {
+  if (deliveredBare(KLTCEDecisionKind::EventCounted, source.campaign, source.condition)) return;
   const int64_t now = hostMillis();
   const KLTCETimeBounds& bounds = condition.timeBounds();
   deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition,
@@ -203,6 +224,7 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
 }
 
 void foldEvaluated(const KLTCEConfigItem& item, bool result) {
+  if (deliveredBare(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1)) return;
   KLTValue flags = KLTValue::array(), operators = KLTValue::array();
   for (const auto& condition : item.conditions()) {
     flags.push_back(condition->satisfied());
@@ -215,25 +237,27 @@ void foldEvaluated(const KLTCEConfigItem& item, bool result) {
 void windowClosed(const KLTCEConfigItem& item) {
   const KLTCETimeLimits* window = item.timeLimits();
   if (!window) return;
+  if (deliveredBare(KLTCEDecisionKind::WindowClosed, item.identifier(), -1)) return;
   const KLTLocalTime local = KLTClock::current()->localTime();
   deliver(KLTCEDecisionKind::WindowClosed, item.identifier(), -1,
-          KLTValue{{"local_time", hourMinute(local.hour, local.minute)},
-                   {"start", hourMinute(window->startTimeHour(), window->startTimeMin())},
-                   {"end", hourMinute(window->endTimeHour(), window->endTimeMin())}});
+          Entries(3)
+              .add("local_time", hourMinute(local.hour, local.minute))
+              .add("start", hourMinute(window->startTimeHour(), window->startTimeMin()))
+              .add("end", hourMinute(window->endTimeHour(), window->endTimeMin()))
+              .done());
 }
 
 void capBlocked(const KLTCEConfigItem& item) {
+  if (deliveredBare(KLTCEDecisionKind::CapBlocked, item.identifier(), -1)) return;
   // Which test of the cap check refused, read from the same in-memory record in the same order.
   const KLTValue& record = item.frequency().storedRecord(item.identifier());
   const auto read = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
   constexpr int32_t kNoLimit = 2147483647;
   const KLTValue& validity = klt::valueForKey(record, kKLTValidity);
-  KLTValue values{{"validity", validity}};
+  Entries values(6);
+  values.add("validity", validity);
   auto blame = [&](const char* counter, const char* limitKey) {
-    values["counter"] = counter;
-    values["value"] = read(counter);
-    values["limit_key"] = limitKey;
-    values["limit"] = read(limitKey);
+    values.add("counter", counter).add("value", read(counter)).add("limit_key", limitKey).add("limit", read(limitKey));
   };
   if (klt::isText(validity, "SESSION") || read(kKLTCount) >= read(kKLTLimit)) {
     blame(kKLTCount, kKLTLimit);
@@ -241,20 +265,22 @@ void capBlocked(const KLTCEConfigItem& item) {
     blame(kKLTDayCount, kKLTDayLimit);
     // A new day period opens at the first parse or counted display more than 24 whole hours after `day`.
     if (const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay))) {
-      values["next_period_from"] = KLTClock::epochMillis(*day + std::chrono::hours(25));
+      values.add("next_period_from", KLTClock::epochMillis(*day + std::chrono::hours(25)));
     }
   } else {
     blame(kKLTSessionCount, kKLTSessionLimit);
   }
-  deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1, std::move(values));
+  deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1, values.done());
 }
 
 void dispatched(const KLTCEConfigItem& item, const KLTDisplayEvent& event) {
+  if (deliveredBare(KLTCEDecisionKind::Dispatched, item.identifier(), -1)) return;
   deliver(KLTCEDecisionKind::Dispatched, item.identifier(), -1,
           Entries(2).add("class", event.className()).add("info", event.info()).done());
 }
 
 void displayCounted(const KLTCEConfigItem& item, const std::string& identifier) {
+  if (deliveredBare(KLTCEDecisionKind::DisplayCounted, identifier, -1)) return;
   const KLTValue& record = item.frequency().storedRecord(identifier);
   deliver(KLTCEDecisionKind::DisplayCounted, identifier, -1, KLTValue{{"record", plainRecord(record)}});
 }

@@ -147,6 +147,21 @@ void DecisionTracker::onDecision(const KLTCEDecision& d) {
   c.account.push_back("line " + std::to_string(line_) + "  " + formatInstant(now, *zone_) + "  " + describe(c, d));
 }
 
+bool DecisionTracker::readsValues(KLTCEDecisionKind kind) const {
+  if (account_ || trace_) return true;
+  switch (kind) {
+    case KLTCEDecisionKind::Rejected:
+    case KLTCEDecisionKind::ItemBuilt:
+    case KLTCEDecisionKind::EventCounted:
+    case KLTCEDecisionKind::FoldEvaluated:
+    case KLTCEDecisionKind::WindowClosed:
+    case KLTCEDecisionKind::CapBlocked:
+      return true;
+    default:
+      return false;
+  }
+}
+
 void DecisionTracker::apply(Campaign& c, const KLTCEDecision& d) {
   const KLTValue& v = d.values;
   Condition* condition = d.condition >= 0 && static_cast<std::size_t>(d.condition) < c.conditions.size()
@@ -166,7 +181,6 @@ void DecisionTracker::apply(Campaign& c, const KLTCEDecision& d) {
       c.type = at(v, "type");
       c.conditions.clear();
       for (const KLTValue& description : at(v, "conditions")) c.conditions.emplace_back().description = description;
-      c.fold.reset();
       c.window.reset();
       c.cap.reset();
       c.foldTrue = false;
@@ -185,7 +199,6 @@ void DecisionTracker::apply(Campaign& c, const KLTCEDecision& d) {
       }
       break;
     case KLTCEDecisionKind::FoldEvaluated:
-      c.fold = v;
       c.foldTrue = flag(v, "result");
       break;
     case KLTCEDecisionKind::WindowClosed:

@@ -68,6 +68,8 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   void noteEvent(unsigned long code, const std::string& name);
 
   void onDecision(const KLTCEDecision& decision) override;
+  // Without an account or a trace, only the kinds behind outcomes() are read.
+  bool readsValues(KLTCEDecisionKind kind) const override;
 
   // Every campaign met in the records, in the order first met.
   std::vector<CampaignOutcome> outcomes() const;
@@ -95,7 +97,7 @@ class DecisionTracker final : public KLTCEDecisionObserver {
     bool sequence = false;
     KLTValue type;
     std::vector<Condition> conditions;
-    std::optional<KLTValue> fold, window, cap;  // last refusals since the last dispatch
+    std::optional<KLTValue> window, cap;  // last refusals since the last dispatch
     bool foldTrue = false;
     std::vector<std::size_t> fired;
     std::vector<std::string> account;
