@@ -52,6 +52,49 @@ class Entries {
   KLTValue values_ = KLTValue::object();
 };
 
+// The values of a record kind whose keys never change, kept from one record of the kind to the
+// next on this thread: each record assigns into the same dictionary, so that the keys, the
+// dictionary and its texts are not made and freed again for every counted event. A record lives
+// only for the observer's call, which sees the same values as from a dictionary of its own.
+class ReusedValues {
+ public:
+  explicit ReusedValues(std::initializer_list<const char*> keys) {
+    for (const char* key : keys) storage().emplace_back(key, nullptr);
+  }
+  KLTValue& operator[](std::size_t slot) { return storage()[slot].second; }
+
+  // Hands the values to the observer as the record's, then takes them back.
+  void deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition);
+
+  // A text or another value into a slot; a text slot keeps its storage.
+  static void assignText(KLTValue& slot, std::string_view text) {
+    if (slot.is_string()) {
+      slot.get_ref<std::string&>().assign(text);
+    } else {
+      slot = std::string(text);
+    }
+  }
+  static void assign(KLTValue& slot, const KLTValue& value) {
+    if (const std::string* text = klt::stringPtr(value)) {
+      assignText(slot, *text);
+    } else {
+      slot = value;
+    }
+  }
+
+ private:
+  KLTValue::object_t::Container& storage() { return values_.get_ref<KLTValue::object_t&>(); }
+  KLTValue values_ = KLTValue::object();
+};
+
+void ReusedValues::deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition) {
+  KLTCEDecisionObserver* observer = KLTCEDecisions::observer();
+  if (!observer) return;
+  KLTCEDecision decision{++sequenceNumber, kind, campaign, condition, std::move(values_)};
+  observer->onDecision(decision);
+  values_ = std::move(decision.values);
+}
+
 int64_t hostMillis() { return KLTController::sharedController().currentSDKTimeInMillis(); }
 
 std::string hourMinute(int64_t hour, int64_t minute) {
@@ -207,31 +250,38 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
   if (deliveredBare(KLTCEDecisionKind::EventCounted, source.campaign, source.condition)) return;
   const int64_t now = hostMillis();
   const KLTCETimeBounds& bounds = condition.timeBounds();
-  deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition,
-          Entries(11)
-              .add("code", event.eventType)
-              .add("name", event.identifier)
-              .add("count", condition.occurrenceCount())
-              .add("wanted", condition.countConfig().count())
-              .add("operator", condition.countConfig().operatorWord())
-              .add("count_held", countHeld)
-              .add("time", now)
-              .add("lower", bounds.lower())
-              .add("upper", bounds.upper())
-              .add("in_bounds", bounds.lower() <= now && now <= bounds.upper())
-              .add("completed", completed)
-              .done());
+  thread_local ReusedValues values{"code", "name",  "count", "wanted",    "operator", "count_held",
+                                   "time", "lower", "upper", "in_bounds", "completed"};
+  values[0] = event.eventType;
+  ReusedValues::assignText(values[1], event.identifier);
+  values[2] = condition.occurrenceCount();
+  values[3] = condition.countConfig().count();
+  ReusedValues::assign(values[4], condition.countConfig().operatorWord());
+  values[5] = countHeld;
+  values[6] = now;
+  values[7] = bounds.lower();
+  values[8] = bounds.upper();
+  values[9] = bounds.lower() <= now && now <= bounds.upper();
+  values[10] = completed;
+  values.deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition);
 }
 
 void foldEvaluated(const KLTCEConfigItem& item, bool result) {
   if (deliveredBare(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1)) return;
-  KLTValue flags = KLTValue::array(), operators = KLTValue::array();
-  for (const auto& condition : item.conditions()) {
-    flags.push_back(condition->satisfied());
-    operators.push_back(condition->combineOperator());
+  thread_local ReusedValues values{"flags", "operators", "result"};
+  if (!values[0].is_array()) values[0] = KLTValue::array();
+  if (!values[1].is_array()) values[1] = KLTValue::array();
+  auto& flags = values[0].get_ref<KLTValue::array_t&>();
+  auto& operators = values[1].get_ref<KLTValue::array_t&>();
+  const auto& conditions = item.conditions();
+  flags.resize(conditions.size());
+  operators.resize(conditions.size());
+  for (std::size_t i = 0; i < conditions.size(); ++i) {
+    flags[i] = conditions[i]->satisfied();
+    ReusedValues::assign(operators[i], conditions[i]->combineOperator());
   }
-  deliver(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1,
-          Entries(3).add("flags", std::move(flags)).add("operators", std::move(operators)).add("result", result).done());
+  values[2] = result;
+  values.deliver(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1);
 }
 
 void windowClosed(const KLTCEConfigItem& item) {

@@ -115,12 +115,15 @@ std::string DecisionTracker::timeText(int64_t epochMillis) const {
 }
 
 DecisionTracker::Campaign& DecisionTracker::campaign(const std::string& id) {
+  // Records come in runs for one campaign (a counted event, its fold, its cap check).
+  if (last_ < campaigns_.size() && campaigns_[last_].id == id) return campaigns_[last_];
   auto [it, added] = index_.try_emplace(id, campaigns_.size());
   if (added) {
     campaigns_.emplace_back();
     campaigns_.back().id = id;
   }
-  return campaigns_[it->second];
+  last_ = it->second;
+  return campaigns_[last_];
 }
 
 void DecisionTracker::onDecision(const KLTCEDecision& d) {

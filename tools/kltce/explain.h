@@ -119,6 +119,7 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   std::map<std::pair<unsigned long, std::string>, std::size_t> events_;
   std::vector<Campaign> campaigns_;
   std::map<std::string, std::size_t> index_;
+  std::size_t last_ = 0;  // the campaign of the last record
 };
 
 }  // namespace kltce
