@@ -304,23 +304,32 @@ void capBlocked(const KLTCEConfigItem& item) {
   const auto read = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
   constexpr int32_t kNoLimit = 2147483647;
   const KLTValue& validity = klt::valueForKey(record, kKLTValidity);
-  Entries values(6);
-  values.add("validity", validity);
-  auto blame = [&](const char* counter, const char* limitKey) {
-    values.add("counter", counter).add("value", read(counter)).add("limit_key", limitKey).add("limit", read(limitKey));
+  // Two shapes: without and with the next day period.
+  thread_local ReusedValues plain{"validity", "counter", "value", "limit_key", "limit"};
+  thread_local ReusedValues withNext{"validity", "counter", "value", "limit_key", "limit", "next_period_from"};
+  const auto blame = [&](ReusedValues& values, const char* counter, const char* limitKey) -> ReusedValues& {
+    ReusedValues::assign(values[0], validity);
+    ReusedValues::assignText(values[1], counter);
+    values[2] = read(counter);
+    ReusedValues::assignText(values[3], limitKey);
+    values[4] = read(limitKey);
+    return values;
   };
+  ReusedValues* values = nullptr;
   if (klt::isText(validity, "SESSION") || read(kKLTCount) >= read(kKLTLimit)) {
-    blame(kKLTCount, kKLTLimit);
+    values = &blame(plain, kKLTCount, kKLTLimit);
   } else if (read(kKLTDayLimit) != kNoLimit) {
-    blame(kKLTDayCount, kKLTDayLimit);
     // A new day period opens at the first parse or counted display more than 24 whole hours after `day`.
     if (const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay))) {
-      values.add("next_period_from", KLTClock::epochMillis(*day + std::chrono::hours(25)));
+      values = &blame(withNext, kKLTDayCount, kKLTDayLimit);
+      (*values)[5] = KLTClock::epochMillis(*day + std::chrono::hours(25));
+    } else {
+      values = &blame(plain, kKLTDayCount, kKLTDayLimit);
     }
   } else {
-    blame(kKLTSessionCount, kKLTSessionLimit);
+    values = &blame(plain, kKLTSessionCount, kKLTSessionLimit);
   }
-  deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1, values.done());
+  values->deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1);
 }
 
 void dispatched(const KLTCEConfigItem& item, const KLTDisplayEvent& event) {

@@ -3,6 +3,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <mutex>
 #include <sstream>
@@ -62,10 +63,35 @@ void KLTUtilities::setFirstSession(bool first) {
   firstSessionSlot() = first;
 }
 
+namespace {
+
+std::optional<KLTTimePoint> readDate(std::string_view s);
+
+}  // namespace
+
 std::optional<KLTTimePoint> KLTUtilities::dateFromKLTDateString(const KLTValue& text) {
   const std::string* p = klt::stringPtr(text);
   if (!p) return std::nullopt;
-  const std::string_view s = *p;
+  // A document's few validity dates are read again at every parse of it (a fleet parses one per
+  // device), and the calendar's reading is costly: the last texts read on this thread are kept.
+  struct Read {
+    std::string text;
+    std::optional<KLTTimePoint> date;
+  };
+  thread_local std::array<Read, 8> recent;
+  thread_local std::size_t next = 0;
+  for (const Read& r : recent) {
+    if (!r.text.empty() && r.text == *p) return r.date;
+  }
+  Read& slot = recent[next++ % recent.size()];
+  slot.text = *p;
+  slot.date = readDate(*p);
+  return slot.date;
+}
+
+namespace {
+
+std::optional<KLTTimePoint> readDate(std::string_view s) {
   // The shape is ours to hold: every field at its place and of its full width ("2026-1-2" and
   // two-digit years are not dates here, though the date library's own reading would take them).
   if (s.size() < 19 || !allDigits(s, 0, 4) || s[4] != '-' || !allDigits(s, 5, 2) || s[7] != '-' ||
@@ -108,6 +134,8 @@ std::optional<KLTTimePoint> KLTUtilities::dateFromKLTDateString(const KLTValue& 
   if (in.fail() || in.peek() != std::char_traits<char>::eof()) return std::nullopt;
   return KLTTimePoint(local.time_since_epoch()) - offset;
 }
+
+}  // namespace
 
 bool KLTUtilities::isNonEmptyString(const KLTValue& value) {
   const std::string* p = klt::stringPtr(value);
