@@ -25,11 +25,8 @@ struct KLTEvent {
 
   static std::shared_ptr<const KLTEvent> make(unsigned long type, std::string identifier,
                                               KLTValue additionalInfo = KLTValue::object()) {
-    auto e = std::make_shared<KLTEvent>();
-    e->eventType = type;
-    e->identifier = std::move(identifier);
-    e->additionalInfo = std::move(additionalInfo);
-    return e;
+    // Built in place: a default event would first make an empty attributes object only to free it.
+    return std::make_shared<const KLTEvent>(KLTEvent{type, std::move(identifier), std::move(additionalInfo)});
   }
 };
 

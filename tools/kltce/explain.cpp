@@ -107,7 +107,13 @@ void DecisionTracker::setLine(std::size_t line) {
 
 void DecisionTracker::noteEvent(unsigned long code, const std::string& name) {
   std::lock_guard lock(mutex_);
-  ++events_[{code, name}];
+  // Found without a key of its own: the same few events come again and again.
+  const auto key = std::make_pair(code, std::string_view(name));
+  if (const auto it = events_.find(key); it != events_.end()) {
+    ++it->second;
+  } else {
+    events_.emplace(std::make_pair(code, name), 1);
+  }
 }
 
 std::string DecisionTracker::timeText(int64_t epochMillis) const {

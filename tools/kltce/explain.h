@@ -116,7 +116,15 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   std::ostream* trace_;
   bool account_;
   std::size_t line_ = 0;
-  std::map<std::pair<unsigned long, std::string>, std::size_t> events_;
+  // Events by (code, name), looked up by a name's view as well as by a key of its own.
+  struct EventOrder {
+    using is_transparent = void;
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const {
+      return a.first != b.first ? a.first < b.first : std::string_view(a.second) < std::string_view(b.second);
+    }
+  };
+  std::map<std::pair<unsigned long, std::string>, std::size_t, EventOrder> events_;
   std::vector<Campaign> campaigns_;
   std::map<std::string, std::size_t> index_;
   std::size_t last_ = 0;  // the campaign of the last record

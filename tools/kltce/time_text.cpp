@@ -68,7 +68,15 @@ std::shared_ptr<const KLTTimeZone> zoneFromText(const std::string& text) {
     return KLTTimeZone::fixedOffset(text[0] == '-' ? -total : total);
   }
   if (text.empty()) return nullptr;
-  return KLTTimeZone::named(text);
+  // A fleet names the same few zones in a million profiles, and opening one is costly; a zone only
+  // answers questions, so one opened on this thread serves every profile that names it.
+  thread_local std::vector<std::pair<std::string, std::shared_ptr<const KLTTimeZone>>> opened;
+  for (const auto& [name, zone] : opened) {
+    if (name == text) return zone;
+  }
+  auto zone = KLTTimeZone::named(text);
+  if (zone && opened.size() < 64) opened.emplace_back(text, zone);
+  return zone;
 }
 
 }  // namespace kltce
