@@ -54,6 +54,9 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
 }
 
 bool FleetReader::readLine() {
+  // Each line's text moves on with the line, so the next one is read into fresh storage: room for
+  // a common line up front spares it growing step by step as the line is read.
+  text_.reserve(256);
   while (ok() && std::getline(in_, text_)) {
     ++number_;
     if (isBlank(text_)) continue;
@@ -122,9 +125,9 @@ bool FleetReader::DeviceLines::next(std::size_t& number, LineResult& line) {
   Line l = std::move(*r.pending_);
   r.pending_.reset();
   if (!l.json) {
-    if (auto quick = readEventLineQuickly(l.text, true)) {
+    if (readEventLineQuickly(l.text, true, line.line.emplace())) {
       number = ++read;
-      line = LineResult{std::move(*quick), {}};
+      line.error.clear();
       return true;
     }
   }

@@ -132,8 +132,8 @@ class Replay {
     return settle(0);
   }
 
-  // Handles one stream line; false when the replay must stop.
-  bool line(std::size_t number, LineResult parsed) {
+  // Handles one stream line, taking what it keeps out of it; false when the replay must stop.
+  bool line(std::size_t number, LineResult& parsed) {
     ++result.lines;
     if (!parsed.line) {
       if (parsed.error.empty()) return true;  // blank
@@ -446,8 +446,8 @@ ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ost
   ReplayHost host(options, start, zone, std::move(store));
   Replay replay(options, host, out, err);
   bool going = replay.startUp();
-  if (going && first) going = replay.line(*first, std::move(*firstParsed));
-  while (going && lines.next(number, parsed)) going = replay.line(number, std::move(parsed));
+  if (going && first) going = replay.line(*first, *firstParsed);
+  while (going && lines.next(number, parsed)) going = replay.line(number, parsed);
   if (lines.failed() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
   replay.finish();
   replay.result.lines = number;

@@ -110,7 +110,7 @@ LineResult parseAction(KLTValue& object, StreamLine line) {
 // treat otherwise than taking the member (an unknown key, a repeated one, a value of a kind it refuses).
 class QuickEventLine final : public klt::KLTFastJsonVisitor {
  public:
-  explicit QuickEventLine(bool deviceKey) : deviceKey_(deviceKey) {}
+  QuickEventLine(bool deviceKey, StreamLine& into) : line(into), deviceKey_(deviceKey) {}
 
   bool member(std::string_view key, const klt::KLTFastJsonField& value) override {
     using Kind = klt::KLTFastJsonField::Kind;
@@ -146,7 +146,7 @@ class QuickEventLine final : public klt::KLTFastJsonVisitor {
   // Whether the members make a whole event line: a type, and a name unless a presence.
   bool whole() const { return (seen_ & Type) != 0 && (named_ || line.code == kKLTEventCodePresence); }
 
-  StreamLine line;
+  StreamLine& line;
 
  private:
   enum Key : unsigned { None = 0, T = 1, Type = 2, Name = 4, Attributes = 8, Device = 16 };
@@ -157,10 +157,15 @@ class QuickEventLine final : public klt::KLTFastJsonVisitor {
 
 }  // namespace
 
+bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line) {
+  QuickEventLine quick(deviceKey, line);
+  return klt::readJsonFastObject(text, quick) && quick.whole();
+}
+
 std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey) {
-  QuickEventLine quick(deviceKey);
-  if (!klt::readJsonFastObject(text, quick) || !quick.whole()) return std::nullopt;
-  return std::move(quick.line);
+  StreamLine line;
+  if (!readEventLineQuickly(text, deviceKey, line)) return std::nullopt;
+  return line;
 }
 
 unsigned long eventCodeForType(std::string_view type) {
@@ -173,7 +178,8 @@ unsigned long eventCodeForType(std::string_view type) {
 
 LineResult parseStreamLine(std::string_view text) {
   if (isBlank(text)) return {};
-  if (auto quick = readEventLineQuickly(text, false)) return LineResult{std::move(*quick), {}};
+  LineResult quick{StreamLine{}, {}};
+  if (readEventLineQuickly(text, false, *quick.line)) return quick;
   JsonResult json = parseJson(text);
   if (!json.ok()) return fail((json.tooDeep ? "refused: " : "not valid JSON: ") + json.error);
   return streamLineFromObject(json.value);

@@ -70,6 +70,9 @@ LineResult streamLineFromObject(KLTValue& object);
 // straight from the text; nothing for any other line or any doubt, which the general reading
 // then reads (and words, and notes). The common line, read without building its whole tree.
 std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey);
+// The same reading into a fresh line the caller gives (default-made); false for nothing, and then
+// the line's contents are unspecified.
+bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line);
 
 // The host event code of an event type word ("app" 4, ...); 0 when unknown.
 unsigned long eventCodeForType(std::string_view type);
