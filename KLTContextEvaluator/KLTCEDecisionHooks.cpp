@@ -98,6 +98,11 @@ void ReusedValues::deliver(KLTCEDecisionKind kind, const std::string& campaign, 
 int64_t hostMillis() { return KLTController::sharedController().currentSDKTimeInMillis(); }
 
 std::string hourMinute(int64_t hour, int64_t minute) {
+  if (hour >= 0 && hour <= 99 && minute >= 0 && minute <= 99) {  // the common case, as printf writes it
+    const char text[] = {static_cast<char>('0' + hour / 10), static_cast<char>('0' + hour % 10), ':',
+                         static_cast<char>('0' + minute / 10), static_cast<char>('0' + minute % 10)};
+    return std::string(text, sizeof text);
+  }
   char text[48];
   std::snprintf(text, sizeof text, "%02lld:%02lld", static_cast<long long>(hour), static_cast<long long>(minute));
   return text;
@@ -289,12 +294,11 @@ void windowClosed(const KLTCEConfigItem& item) {
   if (!window) return;
   if (deliveredBare(KLTCEDecisionKind::WindowClosed, item.identifier(), -1)) return;
   const KLTLocalTime local = KLTClock::current()->localTime();
-  deliver(KLTCEDecisionKind::WindowClosed, item.identifier(), -1,
-          Entries(3)
-              .add("local_time", hourMinute(local.hour, local.minute))
-              .add("start", hourMinute(window->startTimeHour(), window->startTimeMin()))
-              .add("end", hourMinute(window->endTimeHour(), window->endTimeMin()))
-              .done());
+  thread_local ReusedValues values{"local_time", "start", "end"};
+  ReusedValues::assignText(values[0], hourMinute(local.hour, local.minute));
+  ReusedValues::assignText(values[1], hourMinute(window->startTimeHour(), window->startTimeMin()));
+  ReusedValues::assignText(values[2], hourMinute(window->endTimeHour(), window->endTimeMin()));
+  values.deliver(KLTCEDecisionKind::WindowClosed, item.identifier(), -1);
 }
 
 void capBlocked(const KLTCEConfigItem& item) {

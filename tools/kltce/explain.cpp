@@ -22,6 +22,33 @@ int64_t number(const KLTValue& v, const char* key) { return klt::integerValue(kl
 
 bool flag(const KLTValue& v, const char* key) { return klt::boolValue(klt::valueForKey(v, key)); }
 
+// Copies from over to, reusing to's storage where the two have the same shape: a campaign's last
+// refusal comes again and again with the same keys. Any other pair is copied whole.
+void copyInto(KLTValue& to, const KLTValue& from) {
+  if (to.is_string() && from.is_string()) {
+    to.get_ref<std::string&>() = from.get_ref<const std::string&>();
+    return;
+  }
+  if (to.is_object() && from.is_object() && to.size() == from.size()) {
+    auto& a = to.get_ref<KLTValue::object_t&>();
+    const auto& b = from.get_ref<const KLTValue::object_t&>();
+    if (std::equal(a.begin(), a.end(), b.begin(), [](const auto& x, const auto& y) { return x.first == y.first; })) {
+      auto bt = b.begin();
+      for (auto& entry : a) copyInto(entry.second, (bt++)->second);
+      return;
+    }
+  }
+  to = from;
+}
+
+void copyInto(std::optional<KLTValue>& to, const KLTValue& from) {
+  if (to) {
+    copyInto(*to, from);
+  } else {
+    to = from;
+  }
+}
+
 // The host event code a rule of this event_type listens on (0: none).
 unsigned long codeOf(const KLTValue& eventType) {
   if (klt::isText(eventType, "app_event")) return 4;
@@ -211,10 +238,10 @@ void DecisionTracker::apply(Campaign& c, const KLTCEDecision& d) {
       c.foldTrue = flag(v, "result");
       break;
     case KLTCEDecisionKind::WindowClosed:
-      c.window = v;
+      copyInto(c.window, v);
       break;
     case KLTCEDecisionKind::CapBlocked:
-      c.cap = v;
+      copyInto(c.cap, v);
       break;
     case KLTCEDecisionKind::Dispatched:
       c.fired.push_back(line_);
