@@ -127,13 +127,13 @@ std::string_view outcomeKindName(OutcomeKind kind) {
 DecisionTracker::DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account)
     : zone_(std::move(zone)), trace_(trace), account_(account) {}
 
-void DecisionTracker::setLine(std::size_t line) {
+void DecisionTracker::noteLine(std::size_t line, unsigned long code, const std::string* name) {
   std::lock_guard lock(mutex_);
   line_ = line;
+  if (name) countEvent(code, *name);
 }
 
-void DecisionTracker::noteEvent(unsigned long code, const std::string& name) {
-  std::lock_guard lock(mutex_);
+void DecisionTracker::countEvent(unsigned long code, const std::string& name) {
   // Found without a key of its own: the same few events come again and again.
   const auto key = std::make_pair(code, std::string_view(name));
   if (const auto it = events_.find(key); it != events_.end()) {
@@ -471,8 +471,7 @@ ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions
   auto tracker = std::make_shared<DecisionTracker>(zone, decisions.trace, decisions.explain);
   auto previous = std::move(options.onLine);
   options.onLine = [tracker, previous](std::size_t number, const StreamLine& line) {
-    tracker->setLine(number);
-    if (line.kind == LineKind::Event) tracker->noteEvent(line.code, line.name);
+    tracker->noteLine(number, line.code, line.kind == LineKind::Event ? &line.name : nullptr);
     if (previous) previous(number, line);
   };
   auto& evaluator = KLTContextEvaluator::sharedInstance();

@@ -10,7 +10,7 @@
 // The summary of a campaign is data: an OutcomeKind a program can count (a fleet's "why not"
 // tallies) and a text for people.
 //
-// Threading: onDecision() runs on the engine's queue; setLine()/noteEvent() on the replay's thread
+// Threading: onDecision() runs on the engine's queue; noteLine() on the replay's thread
 // while that queue is idle; outcomes() and writeExplanation() after the replay. A mutex guards the
 // state, so any order is safe.
 #pragma once
@@ -62,10 +62,10 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   // behind outcomes() is kept, which costs far less per decision (a fleet replays millions).
   DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account = true);
 
-  // The stream line now being replayed (0: the start-up parse).
-  void setLine(std::size_t line);
-  // An event the stream delivered to the host (to tell "no such event" from "not matched").
-  void noteEvent(unsigned long code, const std::string& name);
+  // The stream line now being replayed (0: the start-up parse), and for an event line (name: the
+  // event's name; nullptr for any other line) the event delivered to the host, to tell "no such
+  // event" from "not matched".
+  void noteLine(std::size_t line, unsigned long code, const std::string* name);
 
   void onDecision(const KLTCEDecision& decision) override;
   // Without an account or a trace, only the kinds behind outcomes() are read.
@@ -105,6 +105,7 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   };
 
   Campaign& campaign(const std::string& id);
+  void countEvent(unsigned long code, const std::string& name);  // under the lock
   void apply(Campaign& c, const KLTCEDecision& d);
   std::string describe(const Campaign& c, const KLTCEDecision& d) const;
   CampaignOutcome outcomeOf(const Campaign& c) const;

@@ -1,6 +1,7 @@
 #include "tools/kltce/fleet_input.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/stream_line.h"
@@ -24,17 +25,20 @@ std::optional<std::string_view> leadingDeviceId(std::string_view s) {
   };
   const auto take = [&](std::string_view word) {
     space();
-    if (s.substr(i, word.size()) != word) return false;
+    if (s.size() - i < word.size() || std::memcmp(s.data() + i, word.data(), word.size()) != 0) return false;
     i += word.size();
     return true;
   };
   if (!take("{") || !take("\"device\"") || !take(":") || !take("\"")) return std::nullopt;
   const std::size_t start = i;
-  for (; i < s.size() && s[i] != '"'; ++i) {
-    if (s[i] == '\\' || static_cast<unsigned char>(s[i]) < 0x20) return std::nullopt;
+  const void* quote = std::memchr(s.data() + start, '"', s.size() - start);
+  if (!quote) return std::nullopt;
+  const std::string_view id = s.substr(start, static_cast<std::size_t>(static_cast<const char*>(quote) - s.data()) - start);
+  for (char c : id) {
+    if (c == '\\' || static_cast<unsigned char>(c) < 0x20) return std::nullopt;
   }
-  if (i >= s.size() || i == start) return std::nullopt;
-  return s.substr(start, i - start);
+  if (id.empty()) return std::nullopt;
+  return id;
 }
 
 FleetReader::FleetReader(std::istream& in) : in_(in) {}
