@@ -23,6 +23,16 @@ class Recorder final : public KLTCEDecisionObserver {
   std::vector<KLTCEDecision> records;  // read after the queue is idle
 };
 
+// Reads the values of two kinds only.
+class PickyRecorder final : public KLTCEDecisionObserver {
+ public:
+  void onDecision(const KLTCEDecision& d) override { records.push_back(d); }
+  bool readsValues(KLTCEDecisionKind kind) const override {
+    return kind == KLTCEDecisionKind::EventCounted || kind == KLTCEDecisionKind::CapBlocked;
+  }
+  std::vector<KLTCEDecision> records;
+};
+
 // Whether actual holds expected: dictionaries key by key (recursively), anything else equal.
 bool holds(const KLTValue& actual, const KLTValue& expected) {
   if (!expected.is_object()) return actual == expected;
@@ -40,18 +50,26 @@ KLTValue with(KLTValue c, const char* key, KLTValue v) {
 // 2026-01-01 from 07:00Z: a window campaign refused at 07:00, then a capped one, a timer, rejections
 // by app version, by validity dates and by first session (the test host is not in one); one per
 // kind of record, the other audience steps give the same record with other values.
-void runScript(KLTTestHost& host) {
+// shared: the document is handed over as a shared one, which the parse must leave as it is.
+void runScript(KLTTestHost& host, bool shared = false) {
   auto& evaluator = KLTContextEvaluator::sharedInstance();
   const KLTValue go = KLTValue::array({eventCondition("app_event", "go", "GTE", 1)});
   host.clock().setNow(KLTTimePoint(std::chrono::hours(491'023)));  // 2026-01-06T07:00Z
-  evaluator.parseConfiguration(document(
+  auto doc = std::make_shared<const KLTValue>(document(
       {with(campaign("capped", go), "frequency", {{"count", 1}}),
        with(with(campaign("windowed", go), "time_limits_in_day", true), "time_limits", {{"start_time", "09:00"}, {"end_time", "17:30"}}),
        with(campaign("timed", KLTValue::array({timerCondition("activity_time", 2500)})), "sequence_enabled", true),
        with(campaign("old_app", go), "audience", {{"ver", {{"val", "3.2"}, {"op", "GTE"}}}}),
        with(campaign("expired", go), "validity", {{"start_date", "2025-01-01T00:00:00Z"}, {"end_date", "2025-12-31T00:00:00Z"}}),
        with(campaign("first_timers", go), "audience", {{"audience_type", "FTU"}})}));
+  const KLTValue before = *doc;
+  if (shared) {
+    evaluator.parseConfiguration(doc);
+  } else {
+    evaluator.parseConfiguration(KLTValue(*doc));
+  }
   host.drainEvaluatorQueue();
+  EXPECT_EQ(*doc, before);
   host.deliver(kKLTEventCodeApp, "go");
   evaluator.updateCountForConfigWithIdentifier("capped");
   host.deliver(kKLTEventCodeApp, "go");
@@ -98,6 +116,30 @@ TEST(KLTCEDecision, EveryKindCarriesTheValuesCompared) {
       found = found || holds(d.values, row.values);
     }
     EXPECT_TRUE(found);
+  }
+}
+
+// An observer that reads few kinds gets the same records in the same order and numbering, with the
+// values of those kinds and none of the others; the same holds of a parse of a shared document.
+TEST(KLTCEDecision, UnreadKindsComeWithoutValuesInTheirPlace) {
+  auto full = std::make_shared<Recorder>();
+  auto picky = std::make_shared<PickyRecorder>();
+  for (const bool shared : {false, true}) {
+    KLTTestHost host{2};
+    KLTContextEvaluator::sharedInstance().setDecisionObserver(shared ? std::shared_ptr<KLTCEDecisionObserver>(picky) : full);
+    runScript(host, shared);
+    KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
+    host.drainEvaluatorQueue();
+  }
+  ASSERT_EQ(picky->records.size(), full->records.size());
+  for (std::size_t i = 0; i < full->records.size(); ++i) {
+    const KLTCEDecision &a = full->records[i], &b = picky->records[i];
+    SCOPED_TRACE(std::to_string(i) + " " + std::string(KLTCEDecisionKindName(a.kind)));
+    EXPECT_EQ(b.kind, a.kind);
+    EXPECT_EQ(b.campaign, a.campaign);
+    EXPECT_EQ(b.condition, a.condition);
+    EXPECT_EQ(b.sequence - picky->records[0].sequence, a.sequence - full->records[0].sequence);
+    EXPECT_EQ(b.values, picky->readsValues(a.kind) ? a.values : KLTValue());
   }
 }
 
