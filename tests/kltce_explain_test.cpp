@@ -79,7 +79,7 @@ TEST(KltceExplain, FurthestPointOfEveryCampaign) {
       {"no conditions", campaign("c", KLTValue::array()), at("09:00", kBuy), false, OutcomeKind::FoldFalse, "no conditions"},
       {"outside the window",
        with(with(campaign("c", KLTValue::array({buy1})), "time_limits_in_day", true), "time_limits", {{"start_time", "09:00"}, {"end_time", "21:00"}}),
-       at("08:30", kBuy), false, OutcomeKind::OutsideWindow, "outside the window 09:00-21:00 at 08:30"},
+       at("08:10", kBuy) + at("08:30", kBuy), false, OutcomeKind::OutsideWindow, "outside the window 09:00-21:00 at 08:30"},
       {"blocked from the start", with(campaign("c", KLTValue::array({buy1})), "frequency", {{"count", 3}, {"day_lmt", 1}}), at("09:01", kBuy) + at("09:02", kShown), true, OutcomeKind::CapBlocked,
        "blocked by the day limit: day_count 1 >= day_lmt 1"},
   };
