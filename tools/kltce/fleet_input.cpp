@@ -57,16 +57,19 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
   return action != json.end() && action->is_string() && action->get_ref<const std::string&>() == "profile";
 }
 
-bool FleetReader::readLine() {
+bool FleetReader::readLine(bool passOver) {
   // Each line's text moves on with the line, so the next one is read into fresh storage: room for
   // a common line up front spares it growing step by step as the line is read.
   text_.reserve(256);
   while (ok() && std::getline(in_, text_)) {
     ++number_;
     if (isBlank(text_)) continue;
+    const auto id = leadingDeviceId(text_);
+    // A device passed over (another worker's, or the rest of one) costs no more than its ids.
+    if (passOver && id && *id == device_) continue;
     Line line;
     line.number = number_;
-    if (const auto id = leadingDeviceId(text_)) {
+    if (id) {
       line.device = *id;
     } else {
       JsonResult r = parseJson(text_);
@@ -87,7 +90,7 @@ bool FleetReader::readLine() {
 
 bool FleetReader::nextDevice(const std::function<bool(std::string_view id)>& wanted) {
   for (;;) {
-    if (!pending_ && !readLine()) return false;
+    if (!pending_ && !readLine(inDevice_)) return false;
     if (inDevice_ && pending_->device == device_) {
       pending_.reset();  // the rest of the device before
       continue;

@@ -79,7 +79,9 @@ class FleetReader {
   };
 
   // Reads the next non-blank line into pending_ with its device; false at the end or on an error.
-  bool readLine();
+  // passOver: first pass over the lines of device_ (a device not replayed here, or the rest of
+  // one): a line whose leading "device" is device_'s is left without being kept or parsed.
+  bool readLine(bool passOver = false);
   bool fail(std::size_t line, std::string message);
   static bool isProfileLine(const KLTValue& json);
 
