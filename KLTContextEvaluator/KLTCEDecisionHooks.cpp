@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <optional>
+#include <vector>
 
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -58,10 +59,16 @@ class Entries {
 // only for the observer's call, which sees the same values as from a dictionary of its own.
 class ReusedValues {
  public:
-  explicit ReusedValues(std::initializer_list<const char*> keys) {
-    for (const char* key : keys) storage().emplace_back(key, nullptr);
+  explicit ReusedValues(std::initializer_list<const char*> keys) : keys_(keys) {}
+  KLTValue& operator[](std::size_t slot) {
+    // Made on first use, and again should a record of the kind be made while one is delivered
+    // (an observer that ran the engine's work from inside its call): the values are away then.
+    if (!values_.is_object() || values_.size() != keys_.size()) {
+      values_ = KLTValue::object();
+      for (const char* key : keys_) storage().emplace_back(key, nullptr);
+    }
+    return storage()[slot].second;
   }
-  KLTValue& operator[](std::size_t slot) { return storage()[slot].second; }
 
   // Hands the values to the observer as the record's, then takes them back.
   void deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition);
@@ -84,7 +91,8 @@ class ReusedValues {
 
  private:
   KLTValue::object_t::Container& storage() { return values_.get_ref<KLTValue::object_t&>(); }
-  KLTValue values_ = KLTValue::object();
+  std::vector<const char*> keys_;
+  KLTValue values_;
 };
 
 void ReusedValues::deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition) {
