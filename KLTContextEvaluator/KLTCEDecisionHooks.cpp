@@ -60,15 +60,17 @@ class Entries {
 class ReusedValues {
  public:
   explicit ReusedValues(std::initializer_list<const char*> keys) : keys_(keys) {}
-  KLTValue& operator[](std::size_t slot) {
-    // Made on first use, and again should a record of the kind be made while one is delivered
-    // (an observer that ran the engine's work from inside its call): the values are away then.
-    if (!values_.is_object() || values_.size() != keys_.size()) {
+  // Called before a record's values are assigned. The dictionary is made on first use, and again
+  // should a record of the kind be made while one is delivered (an observer that ran the engine's
+  // work from inside its call): the values are away then.
+  ReusedValues& prepare() {
+    if (!values_.is_object()) {
       values_ = KLTValue::object();
       for (const char* key : keys_) storage().emplace_back(key, nullptr);
     }
-    return storage()[slot].second;
+    return *this;
   }
+  KLTValue& operator[](std::size_t slot) { return storage()[slot].second; }
 
   // Hands the values to the observer as the record's, then takes them back.
   void deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition);
@@ -263,8 +265,9 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
   if (deliveredBare(KLTCEDecisionKind::EventCounted, source.campaign, source.condition)) return;
   const int64_t now = hostMillis();
   const KLTCETimeBounds& bounds = condition.timeBounds();
-  thread_local ReusedValues values{"code", "name",  "count", "wanted",    "operator", "count_held",
+  thread_local ReusedValues reused{"code", "name",  "count", "wanted",    "operator", "count_held",
                                    "time", "lower", "upper", "in_bounds", "completed"};
+  ReusedValues& values = reused.prepare();
   values[0] = event.eventType;
   ReusedValues::assignText(values[1], event.identifier);
   values[2] = condition.occurrenceCount();
@@ -281,7 +284,8 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
 
 void foldEvaluated(const KLTCEConfigItem& item, bool result) {
   if (deliveredBare(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1)) return;
-  thread_local ReusedValues values{"flags", "operators", "result"};
+  thread_local ReusedValues reused{"flags", "operators", "result"};
+  ReusedValues& values = reused.prepare();
   if (!values[0].is_array()) values[0] = KLTValue::array();
   if (!values[1].is_array()) values[1] = KLTValue::array();
   auto& flags = values[0].get_ref<KLTValue::array_t&>();
@@ -302,7 +306,8 @@ void windowClosed(const KLTCEConfigItem& item) {
   if (!window) return;
   if (deliveredBare(KLTCEDecisionKind::WindowClosed, item.identifier(), -1)) return;
   const KLTLocalTime local = KLTClock::current()->localTime();
-  thread_local ReusedValues values{"local_time", "start", "end"};
+  thread_local ReusedValues reused{"local_time", "start", "end"};
+  ReusedValues& values = reused.prepare();
   ReusedValues::assignText(values[0], hourMinute(local.hour, local.minute));
   ReusedValues::assignText(values[1], hourMinute(window->startTimeHour(), window->startTimeMin()));
   ReusedValues::assignText(values[2], hourMinute(window->endTimeHour(), window->endTimeMin()));
@@ -319,7 +324,8 @@ void capBlocked(const KLTCEConfigItem& item) {
   // Two shapes: without and with the next day period.
   thread_local ReusedValues plain{"validity", "counter", "value", "limit_key", "limit"};
   thread_local ReusedValues withNext{"validity", "counter", "value", "limit_key", "limit", "next_period_from"};
-  const auto blame = [&](ReusedValues& values, const char* counter, const char* limitKey) -> ReusedValues& {
+  const auto blame = [&](ReusedValues& reused, const char* counter, const char* limitKey) -> ReusedValues& {
+    ReusedValues& values = reused.prepare();
     ReusedValues::assign(values[0], validity);
     ReusedValues::assignText(values[1], counter);
     values[2] = read(counter);
