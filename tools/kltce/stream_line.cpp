@@ -162,11 +162,6 @@ bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& lin
   return klt::readJsonFastObject(text, quick) && quick.whole();
 }
 
-std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey) {
-  StreamLine line;
-  if (!readEventLineQuickly(text, deviceKey, line)) return std::nullopt;
-  return line;
-}
 
 unsigned long eventCodeForType(std::string_view type) {
   if (type == "activity") return kKLTEventCodeActivity;

@@ -67,11 +67,9 @@ LineResult streamLineFromObject(KLTValue& object);
 
 // The line streamLineFromObject makes of an event line whose keys are all known ("t", "type",
 // "name", "attributes", each at most once, and "device" when deviceKey: a fleet's line), read
-// straight from the text; nothing for any other line or any doubt, which the general reading
-// then reads (and words, and notes). The common line, read without building its whole tree.
-std::optional<StreamLine> readEventLineQuickly(std::string_view text, bool deviceKey);
-// The same reading into a fresh line the caller gives (default-made); false for nothing, and then
-// the line's contents are unspecified.
+// straight from the text into a fresh line the caller gives (default-made); false for any other
+// line or any doubt, which the general reading then reads (and words, and notes), and the given
+// line's contents are then unspecified. The common line, read without building its whole tree.
 bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line);
 
 // The host event code of an event type word ("app" 4, ...); 0 when unknown.
