@@ -133,6 +133,8 @@ bool readJsonFastObject(std::string_view text, KLTFastJsonVisitor& visitor) {
   }
 }
 
+bool isValidUtf8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+
 KLTFastJsonField::Kind KLTFastJsonField::kind() const {
   using Type = simdjson::dom::element_type;
   switch (static_cast<const simdjson::dom::element*>(element_)->type()) {

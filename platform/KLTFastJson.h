@@ -56,4 +56,7 @@ class KLTFastJsonVisitor {
 // text() is the library's text; what build() promises holds for each member built.
 bool readJsonFastObject(std::string_view text, KLTFastJsonVisitor& visitor);
 
+// Whether text is well-formed UTF-8, as the JSON library requires of its texts.
+bool isValidUtf8(std::string_view text);
+
 }  // namespace klt

@@ -139,6 +139,18 @@ TEST(KLTValueReader, QuickEventLineIsTheGeneralReadingOrStandsAside) {
       {R"({"type":"app","name":"\u0041"})", false, false},
       {R"([{"type":"app","name":"x"}])", false, false},
       {R"({"type":"app","name":"x"} {})", false, false},
+      // Plain lines, and lines a little less than plain.
+      {"{ \"type\" : \"app\" ,\t\"name\":\"caf\xc3\xa9 au lait\" }\r", false, true},
+      {R"({"type":"app","name":"x","attributes":{"a":1,"b":-2,"a":true,"c":null,"d":false,"e":""}})", false, true},
+      {R"({"type":"app","name":"x","attributes":{"a":1,"b":0.5,"a":"z"}})", false, true},
+      {R"({"type":"app","name":"x","t":-1000})", false, true},
+      {R"({"type":"app","name":"say \"hi\""})", false, true},
+      {R"({"type":"app","name":"x","t":123456789012345678901})", false, false},
+      {"{\"type\":\"app\",\"name\":\"\xff\"}", false, false},
+      {"{\"type\":\"app\",\"name\":\"a\tb\"}", false, false},
+      {R"({"type":"app","name":"x","attributes":{"a":01}})", false, false},
+      {R"({"type":"app","name":"x",})", false, false},
+      {R"({"type":"app","name":"x","attributes":{"a":nul}})", false, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

@@ -6,6 +6,7 @@
 #include "host/KLTEvent.h"
 #include "platform/KLTFastJson.h"
 #include "tools/kltce/json_text.h"
+#include "tools/kltce/plain_event_line.h"
 #include "tools/kltce/time_text.h"
 
 namespace kltce {
@@ -158,6 +159,12 @@ class QuickEventLine final : public klt::KLTFastJsonVisitor {
 }  // namespace
 
 bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line) {
+  switch (readPlainEventLine(text, deviceKey, line)) {
+    case PlainReading::Read: return true;
+    case PlainReading::NotQuick: return false;
+    case PlainReading::Unsure: break;
+  }
+  line = StreamLine{};  // the plain reading may have taken some members before it gave up
   QuickEventLine quick(deviceKey, line);
   return klt::readJsonFastObject(text, quick) && quick.whole();
 }
