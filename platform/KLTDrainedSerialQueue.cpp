@@ -54,7 +54,9 @@ bool KLTDrainedSerialQueue::drain() {
   std::lock_guard turn(drainMutex_);
   if (heldForGood()) return false;
   drainer_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  std::vector<std::function<void()>> batch;
+  // Kept from drain to drain with its storage, as pending_ keeps the batch's before it: a replay
+  // drains after every line, and the two vectors are then never grown again.
+  std::vector<std::function<void()>>& batch = batch_;
   for (;;) {
     {
       std::lock_guard lock(mutex_);
@@ -67,6 +69,7 @@ bool KLTDrainedSerialQueue::drain() {
       } catch (const KLTEndlessWait&) {
         // The task would have blocked its thread for ever; so does the queue, from now on.
         held_.store(true, std::memory_order_release);
+        batch.clear();  // the rest of the batch never runs: what it captured goes now
         drainer_.store(std::thread::id(), std::memory_order_relaxed);
         return false;
       }

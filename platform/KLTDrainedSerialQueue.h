@@ -46,6 +46,7 @@ class KLTDrainedSerialQueue final : public KLTSerialQueue {
   std::mutex drainMutex_;  // one drainer at a time
   std::mutex mutex_;       // guards pending_
   std::vector<std::function<void()>> pending_;
+  std::vector<std::function<void()>> batch_;  // the tasks drain() runs; its drainer's alone
   std::atomic<std::thread::id> drainer_{};
   std::atomic<bool> held_{false};
 };

@@ -58,8 +58,8 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
 }
 
 bool FleetReader::readLine(bool passOver) {
-  // Each line's text moves on with the line, so the next one is read into fresh storage: room for
-  // a common line up front spares it growing step by step as the line is read.
+  // Each line's text moves on with the line; a device's stream lines give theirs back once read
+  // (DeviceLines::next). Room for a common line up front spares fresh storage growing step by step.
   text_.reserve(256);
   while (ok() && std::getline(in_, text_)) {
     ++number_;
@@ -131,6 +131,12 @@ bool FleetReader::DeviceLines::next(std::size_t& number, LineResult& line) {
   if (r.pending_->device != r.device_) return false;  // the next device's first line
   Line l = std::move(*r.pending_);
   r.pending_.reset();
+  // Once read, the line's text goes back to the reader, whose next line then needs no new storage.
+  struct GiveBack {
+    std::string& from;
+    std::string& to;
+    ~GiveBack() { to = std::move(from); }
+  } giveBack{l.text, r.text_};
   if (!l.json) {
     if (readEventLineQuickly(l.text, true, line.line.emplace())) {
       number = ++read;
