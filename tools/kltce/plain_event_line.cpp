@@ -27,6 +27,8 @@ constexpr std::array<ByteClass, 256> byteClasses() {
 }
 constexpr std::array<ByteClass, 256> kClass = byteClasses();
 
+enum Key : unsigned { None = 0, T = 1, Type = 2, Name = 4, Attributes = 8, Device = 16 };
+
 // Walks a text token by token; every reading answers false, taking nothing it can vouch for, at
 // the first thing that is not plain JSON.
 class Scanner {
@@ -73,6 +75,24 @@ class Scanner {
         default:  // an escape or a control character
           return false;
       }
+    }
+  }
+
+  // The next key when it is one of the event line's, written as such, taken with its quotes; None
+  // (nothing taken) for any other, which text() then reads. Spares scanning the common keys.
+  Key knownKey(bool deviceKey) {
+    if (peek() != '"') return None;
+    const auto is = [this](std::string_view quoted) {
+      if (static_cast<std::size_t>(end_ - p_) < quoted.size() || std::string_view(p_, quoted.size()) != quoted) return false;
+      p_ += quoted.size();
+      return true;
+    };
+    switch (p_ + 1 == end_ ? '\0' : p_[1]) {
+      case 't': return is("\"t\"") ? T : is("\"type\"") ? Type : None;
+      case 'n': return is("\"name\"") ? Name : None;
+      case 'a': return is("\"attributes\"") ? Attributes : None;
+      case 'd': return deviceKey && is("\"device\"") ? Device : None;
+      default: return None;
     }
   }
 
@@ -159,8 +179,6 @@ class Scanner {
   bool pastAscii_ = false;
 };
 
-enum Key : unsigned { None = 0, T = 1, Type = 2, Name = 4, Attributes = 8, Device = 16 };
-
 Key keyOf(std::string_view key, bool deviceKey) {
   if (key == "t") return T;
   if (key == "type") return Type;
@@ -178,8 +196,12 @@ PlainReading readPlainEventLine(std::string_view text, bool deviceKey, StreamLin
   bool named = false;
   do {
     std::string_view key, value;
-    if (!s.text(key) || !s.take(':')) return PlainReading::Unsure;
-    const Key k = keyOf(key, deviceKey);
+    Key k = s.knownKey(deviceKey);
+    if (k == None) {
+      if (!s.text(key)) return PlainReading::Unsure;
+      k = keyOf(key, deviceKey);
+    }
+    if (!s.take(':')) return PlainReading::Unsure;
     // Any other key, or one said twice, is a line for the general reading, which words it.
     if (k == None || (seen & k) != 0) return PlainReading::NotQuick;
     seen |= k;
