@@ -25,6 +25,7 @@ void deliver(KLTCEDecisionKind kind, std::string campaign, int64_t condition, KL
   if (!observer) return;
   KLTCEDecision decision{++sequenceNumber, kind, std::move(campaign), condition, std::move(values)};
   observer->onDecision(decision);
+  klt::release(decision.values);
 }
 
 // Delivers the record without values when the observer does not read them (true then), so that

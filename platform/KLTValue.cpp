@@ -276,6 +276,29 @@ std::string textForm(const KLTValue& v) {
   }
 }
 
+namespace {
+
+// Empties v's lists and dictionaries from the deepest up, as far down as kEmptiedDepth: any deeper
+// is left to the library's own way, which is correct at any depth.
+void empty(KLTValue& v, std::size_t depth) {
+  constexpr std::size_t kEmptiedDepth = 64;
+  if (depth == kEmptiedDepth) return;
+  if (auto* object = v.get_ptr<KLTValue::object_t*>()) {
+    for (auto& member : *object) empty(member.second, depth + 1);
+    object->clear();
+  } else if (auto* array = v.get_ptr<KLTValue::array_t*>()) {
+    for (auto& item : *array) empty(item, depth + 1);
+    array->clear();
+  }
+}
+
+}  // namespace
+
+void release(KLTValue& v) {
+  empty(v, 0);
+  v = nullptr;
+}
+
 const KLTValue& valueForKey(const KLTValue& dict, std::string_view key) {
   if (!dict.is_object()) return nullValue();
   auto it = dict.find(key);

@@ -127,6 +127,17 @@ std::string_view outcomeKindName(OutcomeKind kind) {
 DecisionTracker::DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account)
     : zone_(std::move(zone)), trace_(trace), account_(account) {}
 
+DecisionTracker::~DecisionTracker() {
+  // A fleet makes and drops a tracker per device: its values go the cheap way.
+  for (Campaign& c : campaigns_) {
+    klt::release(c.rejection);
+    klt::release(c.type);
+    for (Condition& condition : c.conditions) klt::release(condition.description);
+    if (c.window) klt::release(*c.window);
+    if (c.cap) klt::release(*c.cap);
+  }
+}
+
 void DecisionTracker::noteLine(std::size_t line, unsigned long code, const std::string* name) {
   std::lock_guard lock(mutex_);
   line_ = line;

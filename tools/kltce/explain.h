@@ -61,6 +61,7 @@ class DecisionTracker final : public KLTCEDecisionObserver {
   // account: keep each campaign's readable account (writeExplanation); without it only the state
   // behind outcomes() is kept, which costs far less per decision (a fleet replays millions).
   DecisionTracker(std::shared_ptr<const KLTTimeZone> zone, std::ostream* trace, bool account = true);
+  ~DecisionTracker() override;
 
   // The stream line now being replayed (0: the start-up parse), and for an event line (name: the
   // event's name; nullptr for any other line) the event delivered to the host, to tell "no such
