@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -54,10 +55,10 @@ class ReplayHost {
     controller.removeAllListeners();  // a fresh device: nothing left from an earlier replay in this process
     applyProfile(options.profile);
     controller.setDispatchHandler([this](std::shared_ptr<KLTDisplayEvent> e) {
-      Display d{clock_->now(), std::string(e->className()), e->info(), 0};
+      Display d{clock_->now(), std::string(e->className()), e->info(), currentLine_.load(std::memory_order_acquire)};
       std::lock_guard lock(mutex_);
-      d.line = currentLine_;
       pending_.push_back(std::move(d));
+      displaysWaiting_.store(true, std::memory_order_release);
     });
   }
 
@@ -76,15 +77,17 @@ class ReplayHost {
 
   KLTVirtualClock& clock() { return *clock_; }
 
-  void setLine(std::size_t line) {
-    std::lock_guard lock(mutex_);
-    currentLine_ = line;
-  }
+  // Set before the line is handled, and read by the dispatch handler, which the engine's queue
+  // runs after the line's events were posted to it: no lock is needed.
+  void setLine(std::size_t line) { currentLine_.store(line, std::memory_order_release); }
 
   std::vector<Display> takeDisplays() {
-    std::lock_guard lock(mutex_);
     std::vector<Display> out;
+    // Most lines dispatch nothing: then the lock is not taken.
+    if (!displaysWaiting_.load(std::memory_order_acquire)) return out;
+    std::lock_guard lock(mutex_);
     out.swap(pending_);
+    displaysWaiting_.store(false, std::memory_order_relaxed);
     return out;
   }
 
@@ -114,7 +117,8 @@ class ReplayHost {
   std::shared_ptr<KLTUserDefaults> previousStore_;
   std::mutex mutex_;
   std::vector<Display> pending_;
-  std::size_t currentLine_ = 0;
+  std::atomic<bool> displaysWaiting_{false};  // whether pending_ holds any; written under mutex_
+  std::atomic<std::size_t> currentLine_{0};
 };
 
 class Replay {
