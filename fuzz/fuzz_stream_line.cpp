@@ -2,7 +2,7 @@
 //
 // Input: one line (any bytes). A line read as usable with a time must format and read back to the
 // same instant to the millisecond. The line's JSON, read as every line is read, must give the JSON
-// library's own reading: the very same tree, or the same error; and an event line read straight
+// library's own reading: the very same tree, or the same error; and a common line read straight
 // from the text must be the line read from that tree (as a run's line and as a fleet's).
 #include <cstdint>
 #include <cstdlib>
@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (read.error != library.error || !kltfixture::sameTree(read.value, library.value)) std::abort();
   for (const bool fleet : {false, true}) {
     kltce::StreamLine quick;
-    if (!kltce::readEventLineQuickly(text, fleet, quick)) continue;
+    if (!kltce::readStreamLineQuickly(text, fleet, quick)) continue;
     KLTValue tree = library.value;
     if (fleet && tree.is_object()) tree.erase("device");
     const kltce::LineResult general = kltce::streamLineFromObject(tree);

@@ -108,9 +108,9 @@ TEST(KLTValueReader, QuickReaderBuildsTheLibrarysTreeOrStandsAside) {
   }
 }
 
-// An event line read straight from its text is the line the general reading makes of the library's
+// A common line read straight from its text is the line the general reading makes of the library's
 // tree (a fleet's "device" taken out); any other line is left to the general reading.
-TEST(KLTValueReader, QuickEventLineIsTheGeneralReadingOrStandsAside) {
+TEST(KLTValueReader, QuickLineIsTheGeneralReadingOrStandsAside) {
   const struct {
     const char* text;
     bool device;  // a fleet's line
@@ -135,7 +135,16 @@ TEST(KLTValueReader, QuickEventLineIsTheGeneralReadingOrStandsAside) {
       {R"({"t":"yesterday","type":"app","name":"x"})", false, false},
       {R"({"t":253402300800000,"type":"app","name":"x"})", false, false},
       {R"({"t":true,"type":"app","name":"x"})", false, false},
-      {R"({"action":"shown","id":"x"})", false, false},
+      {R"({"t":1795382378000,"action":"shown","id":"x"})", false, true},
+      {R"({"device":"d1","id":"x","action":"shown"})", true, true},
+      {R"({"action":"shown","id":7})", false, false},
+      {R"({"action":"shown","id":"x","name":"y"})", false, false},
+      {R"({"action":"new_session","attributes":{"a":1},"custom_info":{"c":"d"},"first_session":true})", false, true},
+      {R"({"action":"new_session","custom_info":null,"first_session":null,"attributes":null})", false, true},
+      {R"({"action":"new_session","first_session":"yes"})", false, false},
+      {R"({"action":"new_session","custom_info":{"c":[1]}})", false, false},
+      {R"({"action":"parse"})", false, false},
+      {R"({"type":"app","name":"x","action":"shown","id":"x"})", false, false},
       {R"({"type":"app","name":"\u0041"})", false, false},
       {R"([{"type":"app","name":"x"}])", false, false},
       {R"({"type":"app","name":"x"} {})", false, false},
@@ -155,7 +164,7 @@ TEST(KLTValueReader, QuickEventLineIsTheGeneralReadingOrStandsAside) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     kltce::StreamLine quick;
-    const bool taken = kltce::readEventLineQuickly(c.text, c.device, quick);
+    const bool taken = kltce::readStreamLineQuickly(c.text, c.device, quick);
     EXPECT_EQ(taken, c.quick);
     if (!taken) continue;
     KLTValue tree = klt::readJsonTextByLibrary(c.text).value;

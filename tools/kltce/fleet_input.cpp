@@ -138,7 +138,7 @@ bool FleetReader::DeviceLines::next(std::size_t& number, LineResult& line) {
     ~GiveBack() { to = std::move(from); }
   } giveBack{l.text, r.text_};
   if (!l.json) {
-    if (readEventLineQuickly(l.text, true, line.line.emplace())) {
+    if (readStreamLineQuickly(l.text, true, line.line.emplace())) {
       number = ++read;
       line.error.clear();
       return true;

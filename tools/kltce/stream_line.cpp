@@ -6,7 +6,7 @@
 #include "host/KLTEvent.h"
 #include "platform/KLTFastJson.h"
 #include "tools/kltce/json_text.h"
-#include "tools/kltce/plain_event_line.h"
+#include "tools/kltce/plain_stream_line.h"
 #include "tools/kltce/time_text.h"
 
 namespace kltce {
@@ -158,8 +158,8 @@ class QuickEventLine final : public klt::KLTFastJsonVisitor {
 
 }  // namespace
 
-bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line) {
-  switch (readPlainEventLine(text, deviceKey, line)) {
+bool readStreamLineQuickly(std::string_view text, bool deviceKey, StreamLine& line) {
+  switch (readPlainLine(text, deviceKey, line)) {
     case PlainReading::Read: return true;
     case PlainReading::NotQuick: return false;
     case PlainReading::Unsure: break;
@@ -168,7 +168,6 @@ bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& lin
   QuickEventLine quick(deviceKey, line);
   return klt::readJsonFastObject(text, quick) && quick.whole();
 }
-
 
 unsigned long eventCodeForType(std::string_view type) {
   if (type == "activity") return kKLTEventCodeActivity;
@@ -181,7 +180,7 @@ unsigned long eventCodeForType(std::string_view type) {
 LineResult parseStreamLine(std::string_view text) {
   if (isBlank(text)) return {};
   LineResult quick{StreamLine{}, {}};
-  if (readEventLineQuickly(text, false, *quick.line)) return quick;
+  if (readStreamLineQuickly(text, false, *quick.line)) return quick;
   JsonResult json = parseJson(text);
   if (!json.ok()) return fail((json.tooDeep ? "refused: " : "not valid JSON: ") + json.error);
   return streamLineFromObject(json.value);

@@ -65,12 +65,12 @@ LineResult parseStreamLine(std::string_view text);
 // the line's objects (attributes, custom info) are moved out of object.
 LineResult streamLineFromObject(KLTValue& object);
 
-// The line streamLineFromObject makes of an event line whose keys are all known ("t", "type",
-// "name", "attributes", each at most once, and "device" when deviceKey: a fleet's line), read
-// straight from the text into a fresh line the caller gives (default-made); false for any other
-// line or any doubt, which the general reading then reads (and words, and notes), and the given
-// line's contents are then unspecified. The common line, read without building its whole tree.
-bool readEventLineQuickly(std::string_view text, bool deviceKey, StreamLine& line);
+// The line streamLineFromObject makes of a common line (an event, a "shown" or a "new_session"
+// action) whose keys are all known and said once ("device" too when deviceKey: a fleet's line),
+// read straight from the text into a fresh line the caller gives (default-made); false for any
+// other line or any doubt, which the general reading then reads (and words, and notes), and the
+// given line's contents are then unspecified. The common lines, read without building a tree.
+bool readStreamLineQuickly(std::string_view text, bool deviceKey, StreamLine& line);
 
 // The host event code of an event type word ("app" 4, ...); 0 when unknown.
 unsigned long eventCodeForType(std::string_view type);

@@ -1,4 +1,4 @@
-#include "tools/kltce/plain_event_line.h"
+#include "tools/kltce/plain_stream_line.h"
 
 #include <array>
 #include <cstdint>
@@ -27,7 +27,18 @@ constexpr std::array<ByteClass, 256> byteClasses() {
 }
 constexpr std::array<ByteClass, 256> kClass = byteClasses();
 
-enum Key : unsigned { None = 0, T = 1, Type = 2, Name = 4, Attributes = 8, Device = 16 };
+enum Key : unsigned {
+  None = 0,
+  T = 1,
+  Type = 2,
+  Name = 4,
+  Attributes = 8,
+  Device = 16,
+  Action = 32,
+  Id = 64,
+  CustomInfo = 128,
+  FirstSession = 256,
+};
 
 // Walks a text token by token; every reading answers false, taking nothing it can vouch for, at
 // the first thing that is not plain JSON.
@@ -90,8 +101,9 @@ class Scanner {
     switch (p_ + 1 == end_ ? '\0' : p_[1]) {
       case 't': return is("\"t\"") ? T : is("\"type\"") ? Type : None;
       case 'n': return is("\"name\"") ? Name : None;
-      case 'a': return is("\"attributes\"") ? Attributes : None;
+      case 'a': return is("\"attributes\"") ? Attributes : is("\"action\"") ? Action : None;
       case 'd': return deviceKey && is("\"device\"") ? Device : None;
+      case 'i': return is("\"id\"") ? Id : None;
       default: return None;
     }
   }
@@ -184,16 +196,26 @@ Key keyOf(std::string_view key, bool deviceKey) {
   if (key == "type") return Type;
   if (key == "name") return Name;
   if (key == "attributes") return Attributes;
+  if (key == "action") return Action;
+  if (key == "id") return Id;
+  if (key == "custom_info") return CustomInfo;
+  if (key == "first_session") return FirstSession;
   return deviceKey && key == "device" ? Device : None;
 }
 
+// The keys each kind of line may have besides "t" (and a fleet's "device"); any other is noted.
+constexpr unsigned kEventKeys = Type | Name | Attributes;
+constexpr unsigned kShownKeys = Action | Id;
+constexpr unsigned kNewSessionKeys = Action | Attributes | CustomInfo | FirstSession;
+
 }  // namespace
 
-PlainReading readPlainEventLine(std::string_view text, bool deviceKey, StreamLine& line) {
+PlainReading readPlainLine(std::string_view text, bool deviceKey, StreamLine& line) {
   Scanner s(text);
   if (!s.take('{')) return PlainReading::Unsure;
   unsigned seen = 0;
-  bool named = false;
+  bool named = false, idText = false;
+  std::string_view action;
   do {
     std::string_view key, value;
     Key k = s.knownKey(deviceKey);
@@ -239,6 +261,32 @@ PlainReading readPlainEventLine(std::string_view text, bool deviceKey, StreamLin
       case Attributes:
         if (s.peek() == 'n' ? !s.word("null") : !s.flatObject(line.attributes)) return PlainReading::Unsure;
         break;
+      case CustomInfo:
+        if (s.peek() == 'n') {
+          if (!s.word("null")) return PlainReading::Unsure;
+          break;
+        }
+        line.customInfo = KLTValue::object();
+        if (!s.flatObject(line.customInfo)) return PlainReading::Unsure;
+        break;
+      case FirstSession:
+        if (s.peek() == 'n') {
+          if (!s.word("null")) return PlainReading::Unsure;
+        } else if (s.peek() == 't' || s.peek() == 'f') {
+          line.firstSession = s.peek() == 't';
+          if (!s.word(line.firstSession ? "true" : "false")) return PlainReading::Unsure;
+        } else {
+          return PlainReading::NotQuick;  // an error, worded by the general reading
+        }
+        break;
+      case Id:
+        if (!s.text(value)) return PlainReading::NotQuick;  // an id that is no text: an error, or noted
+        line.id.assign(value);
+        idText = true;
+        break;
+      case Action:
+        if (!s.text(action)) return PlainReading::Unsure;
+        break;
       default:  // the fleet's device, read from the line already
         if (!s.text(value)) return PlainReading::Unsure;
         break;
@@ -246,8 +294,21 @@ PlainReading readPlainEventLine(std::string_view text, bool deviceKey, StreamLin
   } while (s.take(','));
   if (!s.take('}') || !s.atEnd()) return PlainReading::Unsure;
   if (s.pastAscii() && !klt::isValidUtf8(text)) return PlainReading::Unsure;
-  const bool whole = (seen & Type) != 0 && (named || line.code == kKLTEventCodePresence);
-  return whole ? PlainReading::Read : PlainReading::NotQuick;
+  const unsigned keys = seen & ~(T | Device);
+  if ((seen & Type) != 0) {
+    const bool whole = (keys & ~kEventKeys) == 0 && (named || line.code == kKLTEventCodePresence);
+    return whole ? PlainReading::Read : PlainReading::NotQuick;
+  }
+  if (action == "shown" && (keys & ~kShownKeys) == 0 && idText) {
+    line.kind = LineKind::Shown;
+    return PlainReading::Read;
+  }
+  if (action == "new_session" && (keys & ~kNewSessionKeys) == 0) {
+    line.kind = LineKind::NewSession;
+    if (line.customInfo.is_null()) line.customInfo = KLTValue::object();
+    return PlainReading::Read;
+  }
+  return PlainReading::NotQuick;
 }
 
 }  // namespace kltce
