@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
@@ -83,6 +84,20 @@ class ReusedValues {
     } else {
       slot = std::string(text);
     }
+  }
+  // A boolean or a number into a slot: one already of the kind takes it in place, where assigning
+  // would make a value and free the one before.
+  template <class T>
+  static void put(KLTValue& slot, T value) {
+    using Kind = KLTValue::value_t;
+    if constexpr (std::is_same_v<T, bool>) {
+      if (slot.type() == Kind::boolean) return void(*slot.get_ptr<KLTValue::boolean_t*>() = value);
+    } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+      if (slot.type() == Kind::number_integer) return void(*slot.get_ptr<KLTValue::number_integer_t*>() = value);
+    } else if constexpr (std::is_integral_v<T>) {
+      if (slot.type() == Kind::number_unsigned) return void(*slot.get_ptr<KLTValue::number_unsigned_t*>() = value);
+    }
+    slot = value;
   }
   static void assign(KLTValue& slot, const KLTValue& value) {
     if (const std::string* text = klt::stringPtr(value)) {
@@ -269,17 +284,17 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
   thread_local ReusedValues reused{"code", "name",  "count", "wanted",    "operator", "count_held",
                                    "time", "lower", "upper", "in_bounds", "completed"};
   ReusedValues& values = reused.prepare();
-  values[0] = event.eventType;
+  ReusedValues::put(values[0], event.eventType);
   ReusedValues::assignText(values[1], event.identifier);
-  values[2] = condition.occurrenceCount();
-  values[3] = condition.countConfig().count();
+  ReusedValues::put(values[2], condition.occurrenceCount());
+  ReusedValues::put(values[3], condition.countConfig().count());
   ReusedValues::assign(values[4], condition.countConfig().operatorWord());
-  values[5] = countHeld;
-  values[6] = now;
-  values[7] = bounds.lower();
-  values[8] = bounds.upper();
-  values[9] = bounds.lower() <= now && now <= bounds.upper();
-  values[10] = completed;
+  ReusedValues::put(values[5], countHeld);
+  ReusedValues::put(values[6], now);
+  ReusedValues::put(values[7], bounds.lower());
+  ReusedValues::put(values[8], bounds.upper());
+  ReusedValues::put(values[9], bounds.lower() <= now && now <= bounds.upper());
+  ReusedValues::put(values[10], completed);
   values.deliver(KLTCEDecisionKind::EventCounted, source.campaign, source.condition);
 }
 
@@ -295,10 +310,10 @@ void foldEvaluated(const KLTCEConfigItem& item, bool result) {
   flags.resize(conditions.size());
   operators.resize(conditions.size());
   for (std::size_t i = 0; i < conditions.size(); ++i) {
-    flags[i] = conditions[i]->satisfied();
+    ReusedValues::put(flags[i], conditions[i]->satisfied());
     ReusedValues::assign(operators[i], conditions[i]->combineOperator());
   }
-  values[2] = result;
+  ReusedValues::put(values[2], result);
   values.deliver(KLTCEDecisionKind::FoldEvaluated, item.identifier(), -1);
 }
 
@@ -329,9 +344,9 @@ void capBlocked(const KLTCEConfigItem& item) {
     ReusedValues& values = reused.prepare();
     ReusedValues::assign(values[0], validity);
     ReusedValues::assignText(values[1], counter);
-    values[2] = read(counter);
+    ReusedValues::put(values[2], read(counter));
     ReusedValues::assignText(values[3], limitKey);
-    values[4] = read(limitKey);
+    ReusedValues::put(values[4], read(limitKey));
     return values;
   };
   ReusedValues* values = nullptr;
