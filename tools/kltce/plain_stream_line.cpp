@@ -115,10 +115,10 @@ class Scanner {
     return true;
   }
 
-  // A whole number as the JSON library keeps it: unsigned unless negative. False for a fraction,
-  // an exponent, a leading zero, a negative zero (which the library keeps signed), or more digits
-  // than surely fit.
-  bool integer(KLTValue& out) {
+  // A whole number, as a signed one. False for a fraction, an exponent, a leading zero, a negative
+  // zero (which the library keeps signed, where every other non-negative number is unsigned), or
+  // more digits than surely fit.
+  bool integer(int64_t& out) {
     peek();
     const bool negative = p_ != end_ && *p_ == '-';
     const char* digits = p_ + (negative ? 1 : 0);
@@ -133,10 +133,18 @@ class Scanner {
     if (n == 0 || n > 18 || (*digits == '0' && (n > 1 || negative))) return false;
     if (q != end_ && (*q == '.' || *q == 'e' || *q == 'E')) return false;
     p_ = q;
-    if (negative) {
-      out = -static_cast<int64_t>(v);
-    } else {
+    out = negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
+    return true;
+  }
+
+  // The same as the JSON library keeps it: unsigned unless negative.
+  bool integer(KLTValue& out) {
+    int64_t v = 0;
+    if (!integer(v)) return false;
+    if (v < 0) {
       out = v;
+    } else {
+      out = static_cast<uint64_t>(v);
     }
     return true;
   }
@@ -233,14 +241,14 @@ PlainReading readPlainLine(std::string_view text, bool deviceKey, StreamLine& li
           if (!s.word("null")) return PlainReading::Unsure;
           break;
         }
-        KLTValue t;
         if (s.peek() == '"') {
           if (!s.text(value)) return PlainReading::Unsure;
-          t = std::string(value);
-        } else if (!s.integer(t)) {
+          line.time = readInstant(KLTValue(std::string(value)));
+        } else if (int64_t millis = 0; s.integer(millis)) {
+          line.time = instantOfMillis(millis);
+        } else {
           return PlainReading::Unsure;
         }
-        line.time = readInstant(t);
         if (!line.time) return PlainReading::NotQuick;
         break;
       }

@@ -26,9 +26,12 @@ std::optional<KLTTimePoint> readInstant(const KLTValue& value) {
     // Checked before any conversion to an integer: NaN and values past the range fail here.
     if (!(d >= static_cast<double>(kMinEpochMillis) && d <= static_cast<double>(kMaxEpochMillis))) return std::nullopt;
   }
-  const int64_t ms = klt::integerValue(value);  // unsigned values past int64 clamp, then fail below
-  if (ms > kMaxEpochMillis || ms < kMinEpochMillis) return std::nullopt;
-  return KLTTimePoint(std::chrono::milliseconds(ms));
+  return instantOfMillis(klt::integerValue(value));  // unsigned values past int64 clamp, then fail
+}
+
+std::optional<KLTTimePoint> instantOfMillis(int64_t millis) {
+  if (millis > kMaxEpochMillis || millis < kMinEpochMillis) return std::nullopt;
+  return KLTTimePoint(std::chrono::milliseconds(millis));
 }
 
 std::string formatInstant(KLTTimePoint t, const KLTTimeZone& zone) {

@@ -3,6 +3,7 @@
 // Pure functions; safe from any thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,8 @@ namespace kltce {
 // since the Unix epoch. Nothing for any other value (a boolean, unreadable text, a number of
 // milliseconds outside the years 0001 to 9999).
 std::optional<KLTTimePoint> readInstant(const KLTValue& value);
+// The instant a number of milliseconds since the epoch gives; nothing outside the years 0001 to 9999.
+std::optional<KLTTimePoint> instantOfMillis(int64_t millis);
 
 // The instant as ISO 8601 local time in the zone, with its offset: "2026-11-22T10:00:30+01:00",
 // "2026-11-22T09:00:30.250Z" (milliseconds only when there are any; "Z" for a zero offset).
