@@ -57,16 +57,44 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
   return action != json.end() && action->is_string() && action->get_ref<const std::string&>() == "profile";
 }
 
+bool FleetReader::nextText(std::string_view& line) {
+  constexpr std::size_t kBlock = 256 * 1024;
+  for (;;) {
+    const char* begin = buffer_.data() + begin_;
+    if (const void* newline = std::memchr(begin, '\n', end_ - begin_)) {
+      const auto length = static_cast<std::size_t>(static_cast<const char*>(newline) - begin);
+      line = std::string_view(begin, length);
+      begin_ += length + 1;
+      return true;
+    }
+    if (atEnd_) {
+      if (begin_ == end_) return false;
+      line = std::string_view(begin, end_ - begin_);  // the last line, without an end of line
+      begin_ = end_;
+      return true;
+    }
+    // The start of a line stays, moved to the front; a line longer than the block makes it grow.
+    buffer_.erase(0, begin_);
+    end_ -= begin_;
+    begin_ = 0;
+    buffer_.resize(std::max(end_ + kBlock, buffer_.size()));
+    in_.read(buffer_.data() + end_, static_cast<std::streamsize>(buffer_.size() - end_));
+    end_ += static_cast<std::size_t>(in_.gcount());
+    atEnd_ = !in_;
+  }
+}
+
 bool FleetReader::readLine(bool passOver) {
-  // Each line's text moves on with the line; a device's stream lines give theirs back once read
-  // (DeviceLines::next). Room for a common line up front spares fresh storage growing step by step.
-  text_.reserve(256);
-  while (ok() && std::getline(in_, text_)) {
+  std::string_view view;
+  while (ok() && nextText(view)) {
     ++number_;
-    if (isBlank(text_)) continue;
-    const auto id = leadingDeviceId(text_);
+    if (isBlank(view)) continue;
+    const auto id = leadingDeviceId(view);
     // A device passed over (another worker's, or the rest of one) costs no more than its ids.
     if (passOver && id && *id == device_) continue;
+    // Each line's text moves on with the line; a device's stream lines give theirs back once read
+    // (DeviceLines::next), so this storage is mostly the last line's.
+    text_.assign(view);
     Line line;
     line.number = number_;
     if (id) {

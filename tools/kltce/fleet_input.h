@@ -78,6 +78,10 @@ class FleetReader {
     FleetReader& reader_;
   };
 
+  // The next line of the file, its end of line taken off, as a view of buffer_ valid until the
+  // next call; false at the end. The file is read in large blocks: a line passed over is then
+  // never copied, and no line costs a read of its own.
+  bool nextText(std::string_view& line);
   // Reads the next non-blank line into pending_ with its device; false at the end or on an error.
   // passOver: first pass over the lines of device_ (a device not replayed here, or the rest of
   // one): a line whose leading "device" is device_'s is left without being kept or parsed.
@@ -86,6 +90,9 @@ class FleetReader {
   static bool isProfileLine(const KLTValue& json);
 
   std::istream& in_;
+  std::string buffer_;
+  std::size_t begin_ = 0, end_ = 0;  // the part of buffer_ not yet handed out
+  bool atEnd_ = false;                // in_ has no more to give
   std::string text_;
   std::size_t number_ = 0;
   std::optional<Line> pending_;  // the next line not yet handed out
