@@ -40,8 +40,8 @@ enum Key : unsigned {
   FirstSession = 256,
 };
 
-// Walks a text token by token; every reading answers false, taking nothing it can vouch for, at
-// the first thing that is not plain JSON.
+// Walks a text token by token. Every reading answers false at the first thing that is not plain
+// JSON; the whole line is then left to the readings that take any JSON.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : p_(text.data()), end_(text.data() + text.size()) {}
@@ -89,25 +89,21 @@ class Scanner {
     }
   }
 
-  // The next key when it is one of the event line's, written as such, taken with its quotes; None
-  // (nothing taken) for any other, which text() then reads. Spares scanning the common keys.
+  // The next key when it is one of the common lines' keys written as such, taken with its quotes;
+  // None (nothing taken) for any other, which text() then reads. Spares scanning the usual keys.
   Key knownKey(bool deviceKey) {
     if (peek() != '"') return None;
-    const auto is = [this](std::string_view quoted) {
-      if (static_cast<std::size_t>(end_ - p_) < quoted.size() || std::string_view(p_, quoted.size()) != quoted) return false;
-      p_ += quoted.size();
-      return true;
-    };
     switch (p_ + 1 == end_ ? '\0' : p_[1]) {
-      case 't': return is("\"t\"") ? T : is("\"type\"") ? Type : None;
-      case 'n': return is("\"name\"") ? Name : None;
-      case 'a': return is("\"attributes\"") ? Attributes : is("\"action\"") ? Action : None;
-      case 'd': return deviceKey && is("\"device\"") ? Device : None;
-      case 'i': return is("\"id\"") ? Id : None;
+      case 't': return word("\"t\"") ? T : word("\"type\"") ? Type : None;
+      case 'n': return word("\"name\"") ? Name : None;
+      case 'a': return word("\"attributes\"") ? Attributes : word("\"action\"") ? Action : None;
+      case 'd': return deviceKey && word("\"device\"") ? Device : None;
+      case 'i': return word("\"id\"") ? Id : None;
       default: return None;
     }
   }
 
+  // The given word, taken when it comes next.
   bool word(std::string_view w) {
     peek();
     if (static_cast<std::size_t>(end_ - p_) < w.size() || std::string_view(p_, w.size()) != w) return false;
