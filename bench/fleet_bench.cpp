@@ -119,14 +119,14 @@ BENCHMARK(BM_Baseline_SimdjsonLinesParse_10kDevicesX100Events)->Unit(benchmark::
 void BM_FleetCommand_Workers(benchmark::State& state) {
   kltce::FleetCommand command;
   command.document = kDocument;
-  command.fleet = fleetFile(kDevices / 2, kEvents);
+  command.fleet = fleetFile(kDevices, kEvents);  // the one-process case's fleet
   command.workers = static_cast<unsigned>(state.range(0));
   command.format = "json";
   for (auto _ : state) {
     std::ostringstream out, err;
     if (kltce::runFleetCommand(command, out, err) != 0) state.SkipWithError(err.str().c_str());
   }
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices / 2 * kEvents));
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices * kEvents));
 }
 BENCHMARK(BM_FleetCommand_Workers)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
