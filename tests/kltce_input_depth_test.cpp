@@ -14,6 +14,7 @@
 #include "testsupport/KLTSameTree.h"
 #include "testsupport/KLTTestHost.h"
 #include "tools/kltce/json_text.h"
+#include "tools/kltce/plain_stream_line.h"
 #include "tools/kltce/stream_line.h"
 
 namespace {
@@ -172,6 +173,29 @@ TEST(KLTValueReader, QuickLineIsTheGeneralReadingOrStandsAside) {
     const kltce::LineResult general = kltce::streamLineFromObject(tree);
     ASSERT_TRUE(general.line.has_value()) << general.error;
     EXPECT_TRUE(kltfixture::sameStreamLine(quick, *general.line));
+  }
+}
+
+// The common lines take the one-scan reading, which a fallback to the slower readings would hide
+// from the table above; what is not plain is left to those readings.
+TEST(KLTValueReader, CommonLinesAreReadInOneScan) {
+  using kltce::PlainReading;
+  const struct {
+    const char* text;
+    PlainReading reading;
+  } cases[] = {
+      {R"({"device":"d1","t":1795382378000,"type":"app","name":"x","attributes":{"n":123456789012345678}})", PlainReading::Read},
+      {R"({"device":"d1","name":null,"type":"presence"})", PlainReading::Read},
+      {R"({"device":"d1","action":"new_session","custom_info":{"c":"d"},"first_session":false})", PlainReading::Read},
+      {R"({"device":"d1","type":"app","name":"x","attributes":{"n":1234567890123456789}})", PlainReading::Unsure},
+      {R"({"device":"d1","type":"app","name":"x","attributes":{"n":0.5}})", PlainReading::Unsure},
+      {R"({"device":"d1","type":"app","name":"x\ty"})", PlainReading::Unsure},
+      {R"({"device":"d1","action":"parse"})", PlainReading::NotQuick},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    kltce::StreamLine line;
+    EXPECT_EQ(kltce::readPlainLine(c.text, true, line), c.reading);
   }
 }
 
