@@ -211,6 +211,8 @@ Key keyOf(std::string_view key, bool deviceKey) {
 constexpr unsigned kEventKeys = Type | Name | Attributes;
 constexpr unsigned kShownKeys = Action | Id;
 constexpr unsigned kNewSessionKeys = Action | Attributes | CustomInfo | FirstSession;
+// The keys whose null the general reading takes as the key left out.
+constexpr unsigned kMayBeNull = T | Name | Attributes | CustomInfo | FirstSession;
 
 }  // namespace
 
@@ -231,12 +233,13 @@ PlainReading readPlainLine(std::string_view text, bool deviceKey, StreamLine& li
     // Any other key, or one said twice, is a line for the general reading, which words it.
     if (k == None || (seen & k) != 0) return PlainReading::NotQuick;
     seen |= k;
+    // A null stands for a key left out, wherever the line may leave it out.
+    if ((k & kMayBeNull) != 0 && s.peek() == 'n') {
+      if (!s.word("null")) return PlainReading::Unsure;
+      continue;
+    }
     switch (k) {
       case T: {
-        if (s.peek() == 'n') {
-          if (!s.word("null")) return PlainReading::Unsure;
-          break;
-        }
         if (s.peek() == '"') {
           if (!s.text(value)) return PlainReading::Unsure;
           line.time = readInstant(KLTValue(std::string(value)));
@@ -254,29 +257,19 @@ PlainReading readPlainLine(std::string_view text, bool deviceKey, StreamLine& li
         if (line.code == 0) return PlainReading::NotQuick;
         break;
       case Name:
-        if (s.peek() == 'n') {
-          if (!s.word("null")) return PlainReading::Unsure;
-          break;
-        }
         if (!s.text(value)) return PlainReading::Unsure;
         line.name.assign(value);
         named = true;
         break;
       case Attributes:
-        if (s.peek() == 'n' ? !s.word("null") : !s.flatObject(line.attributes)) return PlainReading::Unsure;
+        if (!s.flatObject(line.attributes)) return PlainReading::Unsure;
         break;
       case CustomInfo:
-        if (s.peek() == 'n') {
-          if (!s.word("null")) return PlainReading::Unsure;
-          break;
-        }
         line.customInfo = KLTValue::object();
         if (!s.flatObject(line.customInfo)) return PlainReading::Unsure;
         break;
       case FirstSession:
-        if (s.peek() == 'n') {
-          if (!s.word("null")) return PlainReading::Unsure;
-        } else if (s.peek() == 't' || s.peek() == 'f') {
+        if (s.peek() == 't' || s.peek() == 'f') {
           line.firstSession = s.peek() == 't';
           if (!s.word(line.firstSession ? "true" : "false")) return PlainReading::Unsure;
         } else {
