@@ -3,7 +3,10 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include <simdjson.h>
 
@@ -45,22 +48,31 @@ class Builder {
         auto& fields = *out.get_ptr<KLTValue::object_t*>();
         fields.clear();
         fields.reserve(members.size());
+        // A large object's keys are looked up in an index: a search through the fields for each
+        // key would cost the square of their number.
+        std::unordered_map<std::string_view, std::size_t> index;
+        const bool indexed = members.size() > kIndexFrom;
         for (simdjson::dom::key_value_pair field : members) {
           KLTValue child;
           if (!build(field.value, child, depth + 1)) return false;
           // As the library's builder does: a repeated key keeps its first place, takes the last value.
-          if (auto it = fields.find(field.key); it != fields.end()) {
+          if (indexed) {
+            if (const auto [it, added] = index.try_emplace(field.key, fields.size()); !added) {
+              (fields.begin() + static_cast<std::ptrdiff_t>(it->second))->second = std::move(child);
+              continue;
+            }
+          } else if (auto it = fields.find(field.key); it != fields.end()) {
             it->second = std::move(child);
-          } else {
-            fields.emplace_back(std::string(field.key), std::move(child));
+            continue;
           }
+          fields.emplace_back(std::string(field.key), std::move(child));
         }
         return true;
       }
       case Type::INT64: {
         const int64_t v = int64_t(e);
         // The library reads "-0" as a signed zero and every other unsigned integer text as unsigned.
-        if (v == 0 && text_.find("-0") != std::string_view::npos) return false;
+        if (v == 0 && hasMinusZero()) return false;
         out = v < 0 ? KLTValue(v) : KLTValue(static_cast<uint64_t>(v));
         return true;
       }
@@ -84,7 +96,13 @@ class Builder {
   }
 
  private:
+  static constexpr std::size_t kIndexFrom = 16;
+  bool hasMinusZero() {
+    if (!hasMinusZero_) hasMinusZero_ = text_.find("-0") != std::string_view::npos;
+    return *hasMinusZero_;
+  }
   std::string_view text_;
+  std::optional<bool> hasMinusZero_;  // looked for once per text
 };
 
 // The thread's reading of text, or nothing when the text is not for the quick reader.

@@ -67,6 +67,13 @@ TEST(KLTValueReader, StoreHoldingADeepValueIsMovedAsideNotCrashed) {
 
 // The quicker reader either builds the library's very tree or stands aside, and readJsonText() reads
 // every text as the library alone does, errors included.
+// {"k0":0,"k1":1,... without its closing brace.
+std::string manyKeys(int n) {
+  std::string text = "{";
+  for (int i = 0; i < n; ++i) text += (i ? ",\"k" : "\"k") + std::to_string(i) + "\":" + std::to_string(i);
+  return text;
+}
+
 TEST(KLTValueReader, QuickReaderBuildsTheLibrarysTreeOrStandsAside) {
   const struct {
     std::string text;
@@ -83,6 +90,7 @@ TEST(KLTValueReader, QuickReaderBuildsTheLibrarysTreeOrStandsAside) {
       {"[1e400]", false},
       {"[1e-400, 1.5e3, 0.1, 4.9e-324]", true},
       {R"({"a":1,"b":2,"a":[3]})", true},  // a repeated key: first place, last value
+      {manyKeys(20) + R"(,"k3":"x","k0":[1],"k3":null})", true},  // the same in a large object
       {R"(["\u00e9\ud83d\ude00"])", false},
       {R"(["\ud800"])", false},
       {"[\"a\tb\"]", false},  // a control character inside a text
