@@ -19,12 +19,27 @@ constexpr const char* kDocument = R"({"configs": [
    "time_bounds": {"lower": 0, "upper": 4102444800000}, "count_config": {"count": 2, "operator": "GTE"}, "combine_operator": "AND",
    "trigger": {"event_type": "app_start", "details": {"additional_info": {}}}}]}]})";
 
-kltce::FleetResult replay(const std::string& fleet, FleetPart shard = {}, FleetPart part = {}) {
+// pieces: replayed as that many pieces of the file, one after another, as a worker takes them;
+// csv: the rows, when given.
+kltce::FleetResult replay(const std::string& fleet, FleetPart shard = {}, FleetPart part = {}, std::size_t pieces = 0,
+                          std::ostream* csv = nullptr) {
   kltce::FleetOptions options;
   options.document = kltce::parseJson(kDocument).value;
   options.shard = shard;
   options.part = part;
+  options.csv = csv;
   std::istringstream in(fleet);
+  std::istringstream probe(fleet);
+  const kltce::FleetPieces cut{fleet.size(), pieces};
+  std::size_t next = 0;
+  if (pieces > 0) {
+    options.nextRange = [&]() -> std::optional<kltce::FleetRange> {
+      while (next < pieces) {
+        if (const auto range = cut.range(probe, next++)) return range;
+      }
+      return std::nullopt;
+    };
+  }
   return kltce::replayFleet(options, in);
 }
 
@@ -92,6 +107,30 @@ TEST(FleetReplay, PartsOfTheDevicesAddUpToTheWhole) {
   }
 }
 
+// However the file is cut, the devices and their rows are those of the whole, and an error names
+// the same line.
+TEST(FleetReplay, PiecesOfTheFileAddUpToTheWhole) {
+  std::string fleet;
+  for (int d = 0; d < 24; ++d) {
+    const std::string id = "dev-" + std::to_string(d);
+    fleet += profile(id, d % 2 ? R"(, "device_model": "Pixel 7")" : "") + go(id, d % 7) + (d % 5 ? "\n" : "") + go(id, 20 + d);
+  }
+  std::ostringstream wholeCsv;
+  const std::string whole = replay(fleet, {}, {}, 0, &wholeCsv).summary.toJson().dump();
+  const std::string broken = fleet + profile("late") + go("dev-3", 1) + fleet;
+  const kltce::FleetResult wholeError = replay(broken);
+  ASSERT_NE(0u, wholeError.errorLine);
+  for (const std::size_t pieces : {std::size_t{1}, std::size_t{7}, std::size_t{60}, fleet.size()}) {
+    SCOPED_TRACE(std::to_string(pieces) + " pieces");
+    std::ostringstream csv;
+    EXPECT_EQ(whole, replay(fleet, {}, {}, pieces, &csv).summary.toJson().dump());
+    EXPECT_EQ(wholeCsv.str(), csv.str());
+    const kltce::FleetResult error = replay(broken, {}, {}, pieces);
+    EXPECT_EQ(wholeError.errorLine, error.errorLine);
+    EXPECT_EQ(wholeError.error, error.error);
+  }
+}
+
 TEST(FleetSummary, QuantilesAreNearestRankOverExactCounts) {
   struct Row {
     std::map<int64_t, uint64_t> counts;
@@ -141,6 +180,35 @@ TEST(FleetInput, DeviceIdWithoutParsingOnlyWhenPlain) {
       {R"({"device":1})", std::nullopt},
   };
   for (const auto& [line, id] : rows) EXPECT_EQ(id, kltce::leadingDeviceId(line)) << line;
+}
+
+TEST(FleetInput, RangesBeginWhereTheLeadingDeviceChanges) {
+  const std::string lines[] = {profile("a"), go("a", 1), profile("b"), "\n", profile("c"), R"({"device": "c\u0031"})" "\n",
+                               profile("e"), profile("f").insert(profile("f").size() - 1, "\r"), profile("g")};
+  std::string text;
+  std::vector<uint64_t> at;  // where each line starts
+  for (const std::string& line : lines) {
+    at.push_back(text.size());
+    text += line;
+  }
+  const uint64_t end = text.size();
+  const struct {
+    uint64_t from, to;
+    std::optional<uint64_t> start;
+  } rows[] = {
+      {0, end, 0},
+      {1, end, at[2]},               // b after a
+      {at[1], end, at[2]},           // a line starting at `from` may be the one before
+      {at[1], at[2], std::nullopt},  // the start must come before `to`
+      {at[2], at[7], std::nullopt},  // next to a blank line, or to an id read only by parsing
+      {at[2], end, at[7]},           // a line ending "\r\n" reads as any other
+      {at[8], end, std::nullopt},
+  };
+  std::istringstream in(text);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.from) + ".." + std::to_string(row.to));
+    EXPECT_EQ(row.start, kltce::fleetRangeStart(in, row.from, row.to));
+  }
 }
 
 TEST(FleetInput, ShardsAreReadAsIOfN) {

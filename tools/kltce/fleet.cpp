@@ -85,6 +85,16 @@ std::optional<FleetPart> parseFleetPart(std::string_view text) {
   return p;
 }
 
+std::optional<FleetRange> FleetPieces::range(std::istream& in, std::size_t piece) const {
+  const auto begin = fleetRangeStart(in, at(piece), at(piece + 1));
+  if (!begin) return std::nullopt;
+  for (std::size_t later = piece + 1; later < count; ++later) {
+    if (const auto end = fleetRangeStart(in, at(later), at(later + 1))) return FleetRange{*begin, *end};
+  }
+  if (in.bad()) return std::nullopt;
+  return FleetRange{*begin, size};
+}
+
 FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   FleetResult result;
   NullBuffer nothing;
@@ -98,7 +108,6 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   base.document = std::make_shared<const KLTValue>(options.document);  // shared by every device's parse
   base.autoShown = options.autoShown;
   base.logLevel = 4;  // no DEBUG or ERROR line is even made; INFO lines go to the dropped log
-  FleetReader reader(fleet);
   const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard, options.part); };
   std::ostringstream err;
   const auto stop = [&](int code, std::string error, std::size_t line) {
@@ -106,71 +115,100 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
     result.error = std::move(error);
     result.errorLine = line;
   };
-  while (reader.nextDevice(wanted)) {
-    const std::string device = reader.device();
-    ReplayOptions o = base;
-    o.profile = reader.profile();
-    o.store = std::make_shared<KLTUserDefaults>(std::filesystem::path());
-    if (options.counters) o.store->setSharedDictionary(*options.counters, kKLTFrequencyStoreKey);
-    std::optional<KLTTimePoint> start;  // the clock at the device's first line
-    std::map<std::string, Shown> shown;
-    o.onLine = [&](std::size_t, const StreamLine&) {
-      if (!start) start = KLTClock::current()->now();
-    };
-    o.onDisplay = [&](KLTTimePoint time, const KLTValue& info, std::size_t) {
-      if (!start) start = time;  // dispatched by the start-up parse, before any line
-      const std::string* id = klt::stringPtr(klt::valueForKey(info, "id"));
-      Shown& s = shown[id ? *id : std::string()];
-      ++s.count;
-      if (!s.firstMillis) s.firstMillis = std::chrono::duration_cast<std::chrono::milliseconds>(time - *start).count();
-    };
-    err.str("");
-    std::vector<CampaignOutcome> outcomes;
-    const ReplayResult r = runReplayWithDecisions(std::move(o), {}, reader.lines(), dropped, err, dropped, &outcomes);
+  // Replays the devices of one reader; false when it stopped.
+  const auto replayDevices = [&](FleetReader& reader) {
+    while (reader.nextDevice(wanted)) {
+      const std::string device = reader.device();
+      std::ostream* rows = options.csvFor ? options.csvFor(fleetDeviceHash(device)) : options.csv;
+      ReplayOptions o = base;
+      o.profile = reader.profile();
+      o.store = std::make_shared<KLTUserDefaults>(std::filesystem::path());
+      if (options.counters) o.store->setSharedDictionary(*options.counters, kKLTFrequencyStoreKey);
+      std::optional<KLTTimePoint> start;  // the clock at the device's first line
+      std::map<std::string, Shown> shown;
+      o.onLine = [&](std::size_t, const StreamLine&) {
+        if (!start) start = KLTClock::current()->now();
+      };
+      o.onDisplay = [&](KLTTimePoint time, const KLTValue& info, std::size_t) {
+        if (!start) start = time;  // dispatched by the start-up parse, before any line
+        const std::string* id = klt::stringPtr(klt::valueForKey(info, "id"));
+        Shown& s = shown[id ? *id : std::string()];
+        ++s.count;
+        if (!s.firstMillis) s.firstMillis = std::chrono::duration_cast<std::chrono::milliseconds>(time - *start).count();
+      };
+      err.str("");
+      std::vector<CampaignOutcome> outcomes;
+      const ReplayResult r = runReplayWithDecisions(std::move(o), {}, reader.lines(), dropped, err, dropped, &outcomes);
+      if (!reader.ok()) {
+        stop(kExitUsage, reader.error(), reader.errorLine());
+        return false;
+      }
+      if (r.queueBlocked) {
+        stop(kExitBlocked, "device '" + device + "': the engine's queue is blocked for good; its replay says:\n" + err.str(),
+             reader.profileLine());
+        return false;
+      }
+      if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
+        stop(kExitFailed, "device '" + device + "': a task of the engine failed: " + *failure, reader.profileLine());
+        return false;
+      }
+      if (r.exitCode == kExitUsage) {
+        stop(kExitUsage, "device '" + device + "': " + err.str(), reader.profileLine());
+        return false;
+      }
+      if (!evaluator.resetForTesting()) {
+        stop(kExitBlocked, "device '" + device + "': the engine could not be reset after it", reader.profileLine());
+        return false;
+      }
+      std::vector<DeviceCampaign> campaigns;
+      campaigns.reserve(outcomes.size());
+      for (CampaignOutcome& outcome : outcomes) {
+        const auto it = shown.find(outcome.campaign);
+        DeviceCampaign c;
+        if (it != shown.end()) {
+          c.displays = it->second.count;
+          c.firstDisplayMillis = it->second.firstMillis;
+        }
+        c.outcome = std::move(outcome);
+        if (rows) {
+          *rows << csvField(device) << ',' << csvField(c.outcome.campaign) << ',' << outcomeKindName(c.outcome.kind)
+                << ',' << csvField(c.outcome.reason) << ',' << c.displays << ','
+                << (c.firstDisplayMillis ? std::to_string(*c.firstDisplayMillis) : std::string()) << ','
+                << csvField(c.outcome.text) << '\n';
+        }
+        campaigns.push_back(std::move(c));
+      }
+      result.summary.addDevice(campaigns, r.lines, r.events, r.badLines);
+      if (options.onDevice) options.onDevice(result.summary.devices(), result.summary.events());
+    }
     if (!reader.ok()) {
       stop(kExitUsage, reader.error(), reader.errorLine());
-      break;
+      return false;
     }
-    if (r.queueBlocked) {
-      stop(kExitBlocked, "device '" + device + "': the engine's queue is blocked for good; its replay says:\n" + err.str(),
-           reader.profileLine());
-      break;
+    if (fleet.bad()) {
+      stop(kExitFailed, "reading the fleet failed", 0);
+      return false;
     }
-    if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
-      stop(kExitFailed, "device '" + device + "': a task of the engine failed: " + *failure, reader.profileLine());
-      break;
-    }
-    if (r.exitCode == kExitUsage) {
-      stop(kExitUsage, "device '" + device + "': " + err.str(), reader.profileLine());
-      break;
-    }
-    if (!evaluator.resetForTesting()) {
-      stop(kExitBlocked, "device '" + device + "': the engine could not be reset after it", reader.profileLine());
-      break;
-    }
-    std::vector<DeviceCampaign> campaigns;
-    campaigns.reserve(outcomes.size());
-    for (CampaignOutcome& outcome : outcomes) {
-      const auto it = shown.find(outcome.campaign);
-      DeviceCampaign c;
-      if (it != shown.end()) {
-        c.displays = it->second.count;
-        c.firstDisplayMillis = it->second.firstMillis;
-      }
-      c.outcome = std::move(outcome);
-      if (options.csv) {
-        *options.csv << csvField(device) << ',' << csvField(c.outcome.campaign) << ','
-                     << outcomeKindName(c.outcome.kind) << ',' << csvField(c.outcome.reason) << ',' << c.displays
-                     << ',' << (c.firstDisplayMillis ? std::to_string(*c.firstDisplayMillis) : std::string()) << ','
-                     << csvField(c.outcome.text) << '\n';
-      }
-      campaigns.push_back(std::move(c));
-    }
-    result.summary.addDevice(campaigns, r.lines, r.events, r.badLines);
-    if (options.onDevice) options.onDevice(result.summary.devices(), result.summary.events());
+    return true;
+  };
+  if (!options.nextRange) {
+    FleetReader reader(fleet);
+    replayDevices(reader);
+    return result;
   }
-  if (!reader.ok() && result.error.empty()) stop(kExitUsage, reader.error(), reader.errorLine());
-  if (fleet.bad() && result.error.empty()) stop(kExitFailed, "reading the fleet failed", 0);
+  while (const auto range = options.nextRange()) {
+    fleet.clear();
+    if (!fleet.seekg(static_cast<std::streamoff>(range->begin))) {
+      stop(kExitFailed, "reading the fleet failed", 0);
+      break;
+    }
+    FleetReader reader(fleet, range->end - range->begin);
+    if (!replayDevices(reader)) {
+      // The reader numbered the range's lines from 1.
+      if (result.errorLine > 0) result.errorLine += fleetLinesBefore(fleet, range->begin);
+      break;
+    }
+  }
   return result;
 }
 

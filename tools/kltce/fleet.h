@@ -9,7 +9,9 @@
 //
 // Which devices a process replays: the 64-bit FNV-1a hash h of the id's bytes (offset basis
 // 14695981039346656037, prime 1099511628211) selects shard h mod N of `--shard I/N`, and within a
-// shard, part (h div N) mod K of the K workers (processes or MPI ranks) sharing it.
+// shard, part (h div N) mod K of the K MPI ranks sharing it. The worker processes of one machine
+// share a shard by ranges of the file instead (FleetOptions::nextRange), which spares each the
+// reading of the others' lines and lets a faster worker take more of them.
 //
 // replayFleet() installs the engine's process-wide seams as runReplay() does: one fleet at a time
 // per process, from one thread. It never throws.
@@ -41,6 +43,24 @@ bool fleetSelects(uint64_t hash, FleetPart shard, FleetPart part);
 // Reads "I/N" (0 <= I < N); nothing when malformed.
 std::optional<FleetPart> parseFleetPart(std::string_view text);
 
+// A part of a fleet file in bytes: from the start of a line to that of another, or to the end.
+struct FleetRange {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+};
+
+// A fleet file cut into `count` pieces of about equal size, for workers to take in turn. Piece i's
+// range runs from the range start found in its bytes (fleet_input.h: fleetRangeStart()) to the
+// one found in a later piece, or to the end; a piece that holds none has no range, its bytes being
+// those of the range of a piece before it. So the ranges split the file between devices.
+struct FleetPieces {
+  uint64_t size = 0;  // of the file
+  std::size_t count = 1;
+  uint64_t at(std::size_t piece) const { return size * piece / count; }
+  // Reads `in` near the piece's bounds; nothing also when `in` cannot be read (in.bad()).
+  std::optional<FleetRange> range(std::istream& in, std::size_t piece) const;
+};
+
 struct FleetOptions {
   KLTValue document;
   std::optional<KLTSharedMap> counters;  // every device starts from these (kltce run --state); none: fresh
@@ -48,6 +68,13 @@ struct FleetOptions {
   FleetPart shard;
   FleetPart part;
   std::ostream* csv = nullptr;  // one row per (device, campaign); no header
+  // Where a device's rows go instead, by its id's hash (fleetDeviceHash()).
+  std::function<std::ostream*(uint64_t hash)> csvFor;
+  // When set, the fleet stream (seekable) is replayed as the ranges this gives, one after another
+  // until it gives none, each read as a fleet file of those bytes alone, its lines numbered as in
+  // the whole stream. Ranges must begin where fleetRangeStart() (fleet_input.h) says, so that no
+  // device is cut. Called again after each range has been replayed, and not after a stop.
+  std::function<std::optional<FleetRange>()> nextRange;
   // Called after each device replayed, with the totals so far (progress).
   std::function<void(uint64_t devices, uint64_t events)> onDevice;
 };

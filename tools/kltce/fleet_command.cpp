@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -36,9 +37,11 @@ whole second), and for devices not reached the count of each "why not" of `kltce
 --format json writes it as JSON, which `kltce fleet merge` adds up; --csv writes one row per
 (device, campaign).
 
---shard I/N replays the devices whose id's 64-bit FNV-1a hash h gives h mod N = I; within a shard,
-worker k of K takes those with (h div N) mod K = k. Merging the JSON of shards 0/N .. N-1/N equals
-one run's JSON byte for byte.)";
+--workers K processes take pieces of the fleet file in turn (a fleet that is not a regular file,
+such as a pipe, is replayed by one). --shard I/N replays the devices whose id's 64-bit FNV-1a hash h
+gives h mod N = I. Merging the JSON of shards 0/N .. N-1/N equals one run's JSON byte for byte.
+With K workers, --csv lists the devices with (h div N) mod K = 0 first, then 1, and so on, each
+group in the file's order. After an error, it holds the rows of the devices before the error.)";
 
 namespace {
 
@@ -66,7 +69,7 @@ void addFleetOptions(CLI::App& app, FleetCommand& c) {
   app.add_option("--format", c.format, "summary as table (the default) or json (mergeable)")
       ->check(CLI::IsMember({"table", "json"}));
   app.add_option("--csv", c.csv, "also write one CSV row per (device, campaign) to FILE");
-  app.add_option("--workers", c.workers, "worker processes, each reading the fleet file (default: one per core); progress on a terminal");
+  app.add_option("--workers", c.workers, "worker processes, taking pieces of the fleet file in turn (default: one per core); progress on a terminal");
   app.add_option("--shard", c.shard, "replay only shard I of N (I/N, by a hash of the device id; default 0/1)");
   app.add_option("--state", c.state, "every device starts from the counters of this file (only read; default: fresh)");
   app.add_flag("--auto-shown", c.autoShown, "report every display event as shown, as a host would after showing it");
@@ -121,7 +124,9 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   }
   std::size_t workers = command.workers;
   if (workers == 0) workers = static_cast<std::size_t>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN)));
-  if (workers > 1) return runFleetWorkers(command, options, workers, out, err);
+  // Workers share the file by its pieces; what a pipe gives, one reader takes.
+  std::error_code ec;
+  if (workers > 1 && fs::is_regular_file(command.fleet, ec)) return runFleetWorkers(command, options, workers, out, err);
 
   std::ifstream in(command.fleet);
   std::ofstream csv;
@@ -204,24 +209,41 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
   return kExitOk;
 }
 
-bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err) {
+bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err) {
   std::ofstream out(csv, std::ios::out | std::ios::trunc | std::ios::binary);
   if (!out) {
     err << "kltce: fleet: --csv: cannot write '" << csv << "': " << std::strerror(errno) << '\n';
     return false;
   }
   out << kFleetCsvHeader << '\n';
+  std::vector<std::ifstream> ins(parts);
+  for (std::size_t i = 0; i < parts; ++i) ins[i].open(csv + ".part" + std::to_string(i), std::ios::binary);
+  std::vector<char> buffer(1 << 16);
+  for (const CsvSlice& slice : slices) {
+    if (slice.part >= parts || !ins[slice.part].is_open()) continue;
+    std::ifstream& in = ins[slice.part];
+    in.clear();
+    in.seekg(static_cast<std::streamoff>(slice.offset));
+    for (uint64_t left = slice.length; left > 0 && in;) {
+      in.read(buffer.data(), static_cast<std::streamsize>(std::min<uint64_t>(left, buffer.size())));
+      out.write(buffer.data(), in.gcount());
+      left -= static_cast<uint64_t>(in.gcount());
+    }
+  }
   for (std::size_t i = 0; i < parts; ++i) {
-    const std::string part = csv + ".part" + std::to_string(i);
-    std::ifstream in(part, std::ios::binary);
-    if (in && in.peek() != std::ifstream::traits_type::eof()) out << in.rdbuf();
-    in.close();
+    ins[i].close();
     std::error_code ec;
-    fs::remove(part, ec);
+    fs::remove(csv + ".part" + std::to_string(i), ec);
   }
   out.flush();
   if (!out) err << "kltce: fleet: --csv: writing '" << csv << "' failed\n";
   return static_cast<bool>(out);
+}
+
+bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err) {
+  std::vector<CsvSlice> slices;
+  for (std::size_t i = 0; i < parts; ++i) slices.push_back({i, 0, UINT64_MAX});
+  return gatherCsvParts(csv, parts, slices, err);
 }
 
 }  // namespace kltce

@@ -2,10 +2,11 @@
 // the worker processes of one machine, the partial results they hand back, and the output.
 //
 // Local parallelism: the command forks `--workers` processes (default: one per core) before the
-// engine is first used; each reads the fleet file itself and replays its part of the devices
-// (fleet.h says which); each hands its FleetResult back through a pipe as one JSON text, and the
-// parent merges them. With one worker the fleet is replayed in the command's own process. CSV rows
-// of several workers are gathered per worker (FILE.part<k>, then appended to FILE in worker order).
+// engine is first used; they take pieces of the fleet file in turn (fleet_workers.h); each hands
+// its FleetResult back through a pipe as one JSON text, and the parent merges them. With one worker
+// the fleet is replayed in the command's own process. CSV rows of several workers are written per
+// worker (FILE.part<k>) and gathered into FILE in groups: the devices of (h div N) mod K = 0 first
+// (h the id's hash, N the shards, K the workers), then 1, and so on, each group in the file's order.
 // Progress (devices and events, per second) goes to standard error when `progress` is set.
 //
 // Output: the merged FleetSummary as a table (the default) or as JSON; the JSON of a run, of a
@@ -14,6 +15,7 @@
 // Functions here write only to the streams and files they are given; not thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -58,7 +60,15 @@ bool fleetResultFromText(std::string_view text, FleetResult& result, std::string
 // summary, written in `format`. Returns the exit code.
 int finishFleet(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
                 std::ostream& err);
-// Appends FILE.part0 .. FILE.part<n-1> to FILE (after the header) and removes them.
+// `length` bytes of FILE.part<part> from `offset`.
+struct CsvSlice {
+  std::size_t part = 0;
+  uint64_t offset = 0;
+  uint64_t length = 0;
+};
+// Writes FILE: the header, then the slices in order; removes FILE.part0 .. FILE.part<n-1>.
+bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err);
+// The same with the whole of each part, in order.
 bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err);
 
 }  // namespace kltce

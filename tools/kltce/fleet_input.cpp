@@ -41,8 +41,6 @@ std::optional<std::string_view> leadingDeviceId(std::string_view s) {
   return id;
 }
 
-FleetReader::FleetReader(std::istream& in) : in_(in) {}
-
 bool FleetReader::fail(std::size_t line, std::string message) {
   if (error_.empty()) {
     error_ = std::move(message);
@@ -57,8 +55,7 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
   return action != json.end() && action->is_string() && action->get_ref<const std::string&>() == "profile";
 }
 
-bool FleetReader::nextText(std::string_view& line) {
-  constexpr std::size_t kBlock = 256 * 1024;
+bool BlockLines::next(std::string_view& line) {
   for (;;) {
     const char* begin = buffer_.data() + begin_;
     if (const void* newline = std::memchr(begin, '\n', end_ - begin_)) {
@@ -77,16 +74,48 @@ bool FleetReader::nextText(std::string_view& line) {
     buffer_.erase(0, begin_);
     end_ -= begin_;
     begin_ = 0;
-    buffer_.resize(std::max(end_ + kBlock, buffer_.size()));
-    in_.read(buffer_.data() + end_, static_cast<std::streamsize>(buffer_.size() - end_));
-    end_ += static_cast<std::size_t>(in_.gcount());
-    atEnd_ = !in_;
+    buffer_.resize(std::max(end_ + block_, buffer_.size()));
+    const auto want = static_cast<std::size_t>(std::min<uint64_t>(buffer_.size() - end_, left_));
+    in_.read(buffer_.data() + end_, static_cast<std::streamsize>(want));
+    const auto got = static_cast<std::size_t>(in_.gcount());
+    end_ += got;
+    left_ -= got;
+    atEnd_ = !in_ || left_ == 0;
   }
+}
+
+std::optional<uint64_t> fleetRangeStart(std::istream& in, uint64_t from, uint64_t to) {
+  if (from == 0) return 0;
+  in.clear();
+  if (!in.seekg(static_cast<std::streamoff>(from - 1))) return std::nullopt;
+  // Blocks about the size of one device's lines: the answer is mostly a device away.
+  BlockLines lines(in, UINT64_MAX, 16 * 1024);
+  std::string_view line;
+  // The line holding byte from - 1 ends there or later; the first line to look at follows it.
+  if (!lines.next(line)) return std::nullopt;
+  uint64_t at = from - 1 + line.size() + 1;
+  std::optional<std::string> before;  // the id of the line before `at`, when it starts at `from` or later
+  while (at < to && lines.next(line)) {
+    const auto id = leadingDeviceId(line);
+    if (before && id && *id != *before) return at;
+    before = id ? std::optional<std::string>(*id) : std::nullopt;
+    at += line.size() + 1;
+  }
+  return std::nullopt;
+}
+
+std::size_t fleetLinesBefore(std::istream& in, uint64_t offset) {
+  in.clear();
+  if (!in.seekg(0)) return 0;
+  BlockLines lines(in, offset);
+  std::size_t count = 0;
+  for (std::string_view line; lines.next(line);) ++count;
+  return count;
 }
 
 bool FleetReader::readLine(bool passOver) {
   std::string_view view;
-  while (ok() && nextText(view)) {
+  while (ok() && textLines_.next(view)) {
     ++number_;
     if (isBlank(view)) continue;
     const auto id = leadingDeviceId(view);

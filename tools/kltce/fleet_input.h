@@ -17,6 +17,10 @@
 // Reading a line whose device is not wanted is cheap when "device" is its first key with a plain
 // text value: the line is then not parsed as JSON (nextDevice() with a selection).
 //
+// A reader may be given a range of the file (a byte count from where the stream stands): it then
+// reads those bytes as a fleet file of their own. Ranges that begin where fleetRangeStart() says
+// split the file between devices, so that the devices of the ranges are those of the file.
+//
 // Not thread-safe: one owner; the LineSource of lines() is valid while the reader is.
 #pragma once
 
@@ -37,9 +41,42 @@ namespace kltce {
 // (no escapes); nothing otherwise (the line must then be parsed to find it).
 std::optional<std::string_view> leadingDeviceId(std::string_view line);
 
+// Lines of a stream read in large blocks and handed out as views: a line passed over is never
+// copied, and no line costs a read of its own. Reads at most `bytes` from where the stream
+// stands. Lines are as std::getline gives them: a carriage return stays, the last line may lack
+// its end of line. Not thread-safe.
+class BlockLines {
+ public:
+  explicit BlockLines(std::istream& in, uint64_t bytes = UINT64_MAX, std::size_t block = 256 * 1024)
+      : in_(in), left_(bytes), block_(block) {}
+  // The next line, its "\n" taken off, valid until the next call; false at the end.
+  bool next(std::string_view& line);
+
+ private:
+  std::istream& in_;
+  uint64_t left_;  // bytes of in_ not read yet that are the reader's
+  std::size_t block_;
+  std::string buffer_;
+  std::size_t begin_ = 0, end_ = 0;  // the part of buffer_ not yet handed out
+  bool atEnd_ = false;                // in_ has no more to give
+};
+
+// Where a range of a fleet file may begin: the first start of a line in [from, to) whose leading
+// device id differs from that of the line just before it (both read by leadingDeviceId(), as the
+// reader reads them), that line starting at `from` or later. Nothing when there is none (or when
+// `in` cannot be read: in.bad()). For 0 < from: reads `in` from byte from - 1 to at most a line
+// past `to`. The answer grows with `from`, so ranges from the answers at increasing offsets split
+// the file without overlap.
+std::optional<uint64_t> fleetRangeStart(std::istream& in, uint64_t from, uint64_t to);
+
+// The number of lines that begin before byte `offset` (a line's start) of `in`: the number of
+// the line there, less one. Reads `in` from its start.
+std::size_t fleetLinesBefore(std::istream& in, uint64_t offset);
+
 class FleetReader {
  public:
-  explicit FleetReader(std::istream& in);
+  // Reads at most `bytes` of `in`, from where it stands (all of it by default).
+  explicit FleetReader(std::istream& in, uint64_t bytes = UINT64_MAX) : in_(in), textLines_(in, bytes) {}
   FleetReader(const FleetReader&) = delete;
   FleetReader& operator=(const FleetReader&) = delete;
 
@@ -78,10 +115,6 @@ class FleetReader {
     FleetReader& reader_;
   };
 
-  // The next line of the file, its end of line taken off, as a view of buffer_ valid until the
-  // next call; false at the end. The file is read in large blocks: a line passed over is then
-  // never copied, and no line costs a read of its own.
-  bool nextText(std::string_view& line);
   // Reads the next non-blank line into pending_ with its device; false at the end or on an error.
   // passOver: first pass over the lines of device_ (a device not replayed here, or the rest of
   // one): a line whose leading "device" is device_'s is left without being kept or parsed.
@@ -90,9 +123,7 @@ class FleetReader {
   static bool isProfileLine(const KLTValue& json);
 
   std::istream& in_;
-  std::string buffer_;
-  std::size_t begin_ = 0, end_ = 0;  // the part of buffer_ not yet handed out
-  bool atEnd_ = false;                // in_ has no more to give
+  BlockLines textLines_;
   std::string text_;
   std::size_t number_ = 0;
   std::optional<Line> pending_;  // the next line not yet handed out

@@ -8,56 +8,100 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tools/kltce/fleet_input.h"
 #include "tools/kltce/replay.h"
 
 namespace kltce {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 int failed(std::ostream& err, const std::string& message) {
   err << "kltce: fleet: " << message << '\n';
   return kExitFailed;
 }
 
-// Per worker: devices and events so far, in memory shared with the parent across fork().
-class SharedProgress {
+// A file's pieces: about 16 KiB at the least, so that a small fleet still spreads, and no more than
+// 64 per worker, so that finding where each begins costs nothing beside replaying it.
+FleetPieces planPieces(const std::string& fleet, std::size_t workers) {
+  std::error_code ec;
+  const uintmax_t size = fs::file_size(fleet, ec);
+  FleetPieces pieces;
+  pieces.size = ec ? 0 : size;
+  pieces.count = static_cast<std::size_t>(std::clamp<uintmax_t>(pieces.size / (16 * 1024), 1, workers * 64));
+  return pieces;
+}
+
+// What the workers and the parent share across fork(), in anonymous shared memory: per worker its
+// devices and events so far; the next piece to take and whether a worker stopped; per piece, who
+// replayed it and where its CSV rows of each group are in that worker's part file.
+class SharedState {
  public:
-  explicit SharedProgress(std::size_t workers) : count_(workers * 2) {
+  SharedState(std::size_t workers, std::size_t pieces)
+      : workers_(workers), count_(workers * 2 + 2 + pieces * (1 + 2 * workers)) {
     void* p = ::mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (p != MAP_FAILED) {
       cells_ = static_cast<std::atomic<uint64_t>*>(p);
       for (std::size_t i = 0; i < count_; ++i) new (&cells_[i]) std::atomic<uint64_t>(0);
     }
   }
-  ~SharedProgress() {
+  ~SharedState() {
     if (cells_) ::munmap(cells_, bytes());
   }
-  SharedProgress(const SharedProgress&) = delete;
-  SharedProgress& operator=(const SharedProgress&) = delete;
+  SharedState(const SharedState&) = delete;
+  SharedState& operator=(const SharedState&) = delete;
+  bool ok() const { return cells_ != nullptr; }
 
-  void set(std::size_t worker, uint64_t devices, uint64_t events) {
-    if (!cells_) return;
+  void setProgress(std::size_t worker, uint64_t devices, uint64_t events) {
     cells_[worker * 2].store(devices, std::memory_order_relaxed);
     cells_[worker * 2 + 1].store(events, std::memory_order_relaxed);
   }
-  std::pair<uint64_t, uint64_t> total() const {
+  std::pair<uint64_t, uint64_t> progress() const {
     uint64_t d = 0, e = 0;
-    for (std::size_t i = 0; cells_ && i < count_; i += 2) {
+    for (std::size_t i = 0; i < workers_ * 2; i += 2) {
       d += cells_[i].load(std::memory_order_relaxed);
       e += cells_[i + 1].load(std::memory_order_relaxed);
     }
     return {d, e};
   }
+  // Pieces are taken in increasing order, so a worker's part file holds its pieces in order.
+  std::size_t take() { return static_cast<std::size_t>(cells_[workers_ * 2].fetch_add(1)); }
+  // After a stop the others finish the piece in hand and take no more: every piece before the
+  // stopping one is replayed, and so the error of the lowest line is found, as one process finds it.
+  void stop(std::size_t piece) {
+    std::atomic<uint64_t>& first = cells_[workers_ * 2 + 1];
+    uint64_t seen = first.load();
+    while ((seen == 0 || piece + 1 < seen) && !first.compare_exchange_weak(seen, piece + 1)) {
+    }
+  }
+  bool stopped() const { return cells_[workers_ * 2 + 1].load() != 0; }
+  // Whether the rows of the piece are of devices before the first stop's, so that the CSV of a
+  // stopped run holds those a run in one process would have written.
+  bool beforeStop(std::size_t piece) const {
+    const uint64_t first = cells_[workers_ * 2 + 1].load();
+    return first == 0 || piece + 1 <= first;
+  }
+  // The worker that replayed the piece, plus one (0: none).
+  std::atomic<uint64_t>& owner(std::size_t piece) { return cells_[pieceBase(piece)]; }
+  std::atomic<uint64_t>& rowsAt(std::size_t piece, std::size_t group) { return cells_[pieceBase(piece) + 1 + group * 2]; }
+  std::atomic<uint64_t>& rowsLength(std::size_t piece, std::size_t group) {
+    return cells_[pieceBase(piece) + 2 + group * 2];
+  }
 
  private:
+  std::size_t pieceBase(std::size_t piece) const { return workers_ * 2 + 2 + piece * (1 + 2 * workers_); }
   std::size_t bytes() const { return count_ * sizeof(std::atomic<uint64_t>); }
-  std::size_t count_;
+  std::size_t workers_, count_;
   std::atomic<uint64_t>* cells_ = nullptr;
 };
 
@@ -71,26 +115,67 @@ bool writeAll(int fd, std::string_view text) {
   return true;
 }
 
-// One worker in a forked child: replays its part and writes its result to fd. Never returns.
-[[noreturn]] void runWorker(const FleetCommand& command, FleetOptions options, std::size_t worker, int fd,
-                            SharedProgress& progress) {
+// One worker in a forked child: replays the pieces of the file it takes; writes its result to fd.
+// Never returns.
+[[noreturn]] void runWorker(const FleetCommand& command, FleetOptions options, std::size_t worker, std::size_t workers,
+                            const FleetPieces& pieces, int fd, SharedState& shared) {
   FleetResult result;
-  std::ifstream in(command.fleet);
+  std::ifstream in(command.fleet, std::ios::binary);
+  std::ifstream probe(command.fleet, std::ios::binary);  // finds where the pieces begin
+  const std::string csvPart = command.csv + ".part" + std::to_string(worker);
   std::ofstream csv;
-  if (!command.csv.empty()) {
-    csv.open(command.csv + ".part" + std::to_string(worker), std::ios::out | std::ios::trunc);
-    options.csv = &csv;
-  }
-  options.onDevice = [&](uint64_t devices, uint64_t events) { progress.set(worker, devices, events); };
-  if (!in) {
+  if (!command.csv.empty()) csv.open(csvPart, std::ios::out | std::ios::trunc | std::ios::binary);
+  // The piece in hand and its CSV rows, per group of devices (fleet_command.h).
+  std::optional<std::size_t> piece;
+  std::vector<std::ostringstream> groups(csv.is_open() ? workers : 0);
+  uint64_t csvWritten = 0;
+  const auto putRows = [&] {
+    if (!piece) return;
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+      const std::string rows = std::move(groups[g]).str();
+      shared.rowsAt(*piece, g).store(csvWritten);
+      shared.rowsLength(*piece, g).store(rows.size());
+      csv << rows;
+      csvWritten += rows.size();
+      groups[g].str("");
+    }
+    piece.reset();
+  };
+  bool probeFailed = false;
+  if (!groups.empty()) options.csvFor = [&](uint64_t hash) { return &groups[(hash / options.shard.count) % workers]; };
+  options.nextRange = [&]() -> std::optional<FleetRange> {
+    putRows();
+    while (!shared.stopped()) {
+      const std::size_t c = shared.take();
+      if (c >= pieces.count) break;
+      const auto range = pieces.range(probe, c);
+      if (probe.bad()) {
+        probeFailed = true;
+        break;
+      }
+      if (!range) continue;  // the piece before it replays it
+      shared.owner(c).store(worker + 1);
+      piece = c;
+      return range;
+    }
+    return std::nullopt;
+  };
+  options.onDevice = [&](uint64_t devices, uint64_t events) { shared.setProgress(worker, devices, events); };
+  if (!in || !probe) {
     result.exitCode = kExitUsage;
     result.error = "cannot read '" + command.fleet + "': " + std::strerror(errno);
   } else if (!command.csv.empty() && !csv) {
     result.exitCode = kExitUsage;
-    result.error = "cannot write '" + command.csv + ".part" + std::to_string(worker) + "'";
+    result.error = "cannot write '" + csvPart + "'";
   } else {
     result = replayFleet(options, in);
+    if (probeFailed && result.exitCode == kExitOk) {
+      result.exitCode = kExitFailed;
+      result.error = "reading the fleet failed";
+    }
   }
+  if (result.exitCode != kExitOk) shared.stop(piece.value_or(0));
+  putRows();
   csv.close();
   const bool written = writeAll(fd, fleetResultText(result));
   ::close(fd);
@@ -98,11 +183,27 @@ bool writeAll(int fd, std::string_view text) {
   std::_Exit(written ? 0 : kExitFailed);
 }
 
+// The CSV rows in groups, each in the file's order: the pieces were taken in order, and each
+// worker's part file holds its pieces' rows group by group.
+std::vector<CsvSlice> csvSlices(std::size_t workers, const FleetPieces& pieces, SharedState& shared) {
+  std::vector<CsvSlice> slices;
+  for (std::size_t g = 0; g < workers; ++g) {
+    for (std::size_t c = 0; c < pieces.count; ++c) {
+      const uint64_t owner = shared.owner(c).load();
+      const uint64_t length = shared.rowsLength(c, g).load();
+      if (owner > 0 && length > 0 && shared.beforeStop(c)) slices.push_back({static_cast<std::size_t>(owner - 1), shared.rowsAt(c, g).load(), length});
+    }
+  }
+  return slices;
+}
+
 }  // namespace
 
 int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, std::size_t workers, std::ostream& out,
                std::ostream& err) {
-  SharedProgress progress(workers);
+  const FleetPieces pieces = planPieces(command.fleet, workers);
+  SharedState shared(workers, pieces.count);
+  if (!shared.ok()) return failed(err, std::string("cannot share memory with the workers: ") + std::strerror(errno));
   std::vector<int> fds(workers, -1);
   std::vector<pid_t> pids(workers, -1);
   std::vector<std::string> texts(workers);
@@ -118,9 +219,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
     if (pid == 0) {
       ::close(pipeFds[0]);
       for (std::size_t i = 0; i < w; ++i) ::close(fds[i]);
-      FleetOptions mine = options;
-      mine.part = {w, workers};
-      runWorker(command, std::move(mine), w, pipeFds[1], progress);
+      runWorker(command, options, w, workers, pieces, pipeFds[1], shared);
     }
     ::close(pipeFds[1]);
     fds[w] = pipeFds[0];
@@ -152,12 +251,12 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
       }
     }
     if (command.progress) {
-      const auto [devices, events] = progress.total();
+      const auto [devices, events] = shared.progress();
       line.show(devices, events);
     }
   }
   if (command.progress) {
-    const auto [devices, events] = progress.total();
+    const auto [devices, events] = shared.progress();
     line.show(devices, events, true);
     line.end();
   }
@@ -176,7 +275,9 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
                          ")";
     }
   }
-  if (!command.csv.empty() && !gatherCsvParts(command.csv, workers, err)) return kExitFailed;
+  if (!command.csv.empty()) {
+    if (!gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err)) return kExitFailed;
+  }
   return finishFleet(results, command.format, out, err);
 }
 

@@ -1,11 +1,16 @@
 // The worker processes of `kltce fleet` on one machine, and its progress line.
 //
 // runFleetWorkers() forks `workers` processes (before this process has used the engine: the
-// engine's seams are process-wide, and a fork carries no thread); each opens the fleet file itself,
-// replays part k of `workers` of the command's devices (fleet.h) and writes its FleetResult as one
-// JSON text to a pipe (fleet_command.h: fleetResultText()); the parent reads the pipes, shows the
-// progress the workers keep in memory shared with it, waits for them, gathers their CSV parts and
-// writes the merged summary. A worker that ends without a result is an error naming it.
+// engine's seams are process-wide, and a fork carries no thread). The fleet file is cut into
+// pieces (fleet.h: FleetPieces), which the workers take in turn, each opening the file itself: a
+// worker reads only the lines it replays, and a faster one takes more pieces. The fleet must be a
+// regular file (a pipe cannot be shared this way). Each worker writes its FleetResult as one JSON text to a pipe
+// (fleet_command.h: fleetResultText()); the parent reads the pipes, shows the progress the workers
+// keep in memory shared with it, waits for them, gathers their CSV parts and writes the merged
+// summary. A worker that ends without a result is an error naming it.
+//
+// After an error a worker stops, and the others take no more pieces: the error of the lowest line
+// is reported, as one process reports it, and the CSV holds the rows of the devices before it.
 //
 // Call from one thread, with nothing else of this process writing to the streams meanwhile.
 #pragma once

@@ -1,11 +1,16 @@
 # End-to-end checks of `kltce fleet` that take several runs:
 #   cmake -DMODE=<mode> -DTOOL=<kltce> -DDOCUMENT=<json> -DFLEET=<jsonl> -DEXPECT=<summary.json>
-#         -DSCRATCH=<dir> [-DGENERATOR=<gen_fleet> -DGEN_ARGS=a|b] [-DMPI_RUN=a|b] -P fleet_case.cmake
+#         -DSCRATCH=<dir> [-DGENERATOR=<gen_fleet> -DGEN_ARGS=a|b] [-DMPI_RUN=a|b] [-DEXPECT_CSV=<csv>]
+#         -P fleet_case.cmake
 # per_device: the generator, run with GEN_ARGS, writes FLEET again and every 7th device alone; each
 #   of those, replayed by `kltce run --fresh --explain`, must give the fleet's CSV rows: the same
 #   "why not" text per campaign and the same number of displays.
 # shards: shards 0/3, 1/3 and 2/3 merged must equal EXPECT byte for byte.
+# workers: three workers must print EXPECT and write the CSV rows as EXPECT_CSV lists them; fed
+#   through a pipe, the fleet must give EXPECT too; broken past its middle, three workers must
+#   report the error one process reports, and write the rows of the same devices.
 # mpi: MPI_RUN (the launcher and kltce-fleet-mpi) must print EXPECT.
+cmake_policy(SET CMP0007 NEW)  # a list keeps its empty elements
 string(REPLACE "|" ";" gen_args "${GEN_ARGS}")
 string(REPLACE "|" ";" mpi_run "${MPI_RUN}")
 file(REMOVE_RECURSE ${SCRATCH})
@@ -76,6 +81,38 @@ elseif(MODE STREQUAL "shards")
     list(APPEND parts ${SCRATCH}/shard${i}.json)
   endforeach()
   run(${TOOL} fleet merge --format json ${parts})
+elseif(MODE STREQUAL "workers")
+  execute_process(COMMAND cat ${FLEET} COMMAND ${TOOL} fleet --document ${DOCUMENT} --fleet /dev/stdin --workers 2
+    --format json OUTPUT_VARIABLE piped RESULT_VARIABLE rc)
+  if(NOT piped STREQUAL expected)
+    message(FATAL_ERROR "a fleet through a pipe (exit ${rc}) gives:\n${piped}")
+  endif()
+  file(READ ${FLEET} shipped)
+  string(LENGTH "${shipped}" size)
+  math(EXPR cut "${size} * 3 / 4")
+  string(SUBSTRING "${shipped}" ${cut} -1 tail)
+  string(FIND "${tail}" "\n" newline)
+  math(EXPR cut "${cut} + ${newline} + 1")
+  string(SUBSTRING "${shipped}" 0 ${cut} head)
+  string(SUBSTRING "${shipped}" ${cut} -1 tail)
+  file(WRITE ${SCRATCH}/broken.jsonl "${head}{\"device\": \"zz\"}\n${tail}")
+  foreach(workers 1 3)
+    execute_process(COMMAND ${TOOL} fleet --document ${DOCUMENT} --fleet ${SCRATCH}/broken.jsonl --workers ${workers}
+      --csv ${SCRATCH}/broken${workers}.csv OUTPUT_QUIET ERROR_VARIABLE err${workers} RESULT_VARIABLE rc${workers})
+    file(READ ${SCRATCH}/broken${workers}.csv rows)
+    string(REPLACE ";" "<sc>" rows "${rows}")
+    string(REPLACE "\n" ";" rows${workers} "${rows}")
+    list(SORT rows${workers})
+  endforeach()
+  if(NOT rc1 EQUAL 2 OR NOT "${rc3}|${err3}" STREQUAL "${rc1}|${err1}" OR NOT rows3 STREQUAL rows1)
+    message(FATAL_ERROR "a broken fleet: one process exits ${rc1}: ${err1}three workers exit ${rc3}: ${err3}")
+  endif()
+  run(${TOOL} fleet --document ${DOCUMENT} --fleet ${FLEET} --workers 3 --format json --csv ${SCRATCH}/fleet.csv)
+  file(READ ${SCRATCH}/fleet.csv rows)
+  file(READ ${EXPECT_CSV} expected_rows)
+  if(NOT rows STREQUAL expected_rows)
+    message(FATAL_ERROR "three workers' CSV differs from ${EXPECT_CSV}")
+  endif()
 elseif(MODE STREQUAL "mpi")
   run(${mpi_run} --document ${DOCUMENT} --fleet ${FLEET} --format json)
 endif()
