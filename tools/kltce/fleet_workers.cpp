@@ -31,14 +31,16 @@ int failed(std::ostream& err, const std::string& message) {
   return kExitFailed;
 }
 
-// A file's pieces: about 16 KiB at the least, so that a small fleet still spreads, and no more than
-// 64 per worker, so that finding where each begins costs nothing beside replaying it.
+// A file's pieces: of 16 KiB at the least, so that a small fleet still spreads; no more than 64 per
+// worker, so that finding where each begins costs nothing beside replaying it, unless they would
+// pass 16 MiB: a worker holds a piece's CSV rows until its end.
 FleetPieces planPieces(const std::string& fleet, std::size_t workers) {
   std::error_code ec;
   const uintmax_t size = fs::file_size(fleet, ec);
   FleetPieces pieces;
   pieces.size = ec ? 0 : size;
-  pieces.count = static_cast<std::size_t>(std::clamp<uintmax_t>(pieces.size / (16 * 1024), 1, workers * 64));
+  const uintmax_t most = std::max<uintmax_t>(workers * 64, pieces.size / (16 << 20));
+  pieces.count = static_cast<std::size_t>(std::clamp<uintmax_t>(pieces.size / (16 << 10), 1, most));
   return pieces;
 }
 
