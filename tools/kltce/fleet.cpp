@@ -134,7 +134,9 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
         const std::string* id = klt::stringPtr(klt::valueForKey(info, "id"));
         Shown& s = shown[id ? *id : std::string()];
         ++s.count;
-        if (!s.firstMillis) s.firstMillis = std::chrono::duration_cast<std::chrono::milliseconds>(time - *start).count();
+        if (!s.firstMillis) {
+          s.firstMillis = std::chrono::duration_cast<std::chrono::milliseconds>(time - *start).count();
+        }
       };
       err.str("");
       std::vector<CampaignOutcome> outcomes;
@@ -144,7 +146,8 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
         return false;
       }
       if (r.queueBlocked) {
-        stop(kExitBlocked, "device '" + device + "': the engine's queue is blocked for good; its replay says:\n" + err.str(),
+        stop(kExitBlocked,
+             "device '" + device + "': the engine's queue is blocked for good; its replay says:\n" + err.str(),
              reader.profileLine());
         return false;
       }

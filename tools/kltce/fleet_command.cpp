@@ -126,7 +126,9 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   if (workers == 0) workers = static_cast<std::size_t>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN)));
   // Workers share the file by its pieces; what a pipe gives, one reader takes.
   std::error_code ec;
-  if (workers > 1 && fs::is_regular_file(command.fleet, ec)) return runFleetWorkers(command, options, workers, out, err);
+  if (workers > 1 && fs::is_regular_file(command.fleet, ec)) {
+    return runFleetWorkers(command, options, workers, out, err);
+  }
 
   std::ifstream in(command.fleet);
   std::ofstream csv;

@@ -95,7 +95,9 @@ class SharedState {
   }
   // The worker that replayed the piece, plus one (0: none).
   std::atomic<uint64_t>& owner(std::size_t piece) { return cells_[pieceBase(piece)]; }
-  std::atomic<uint64_t>& rowsAt(std::size_t piece, std::size_t group) { return cells_[pieceBase(piece) + 1 + group * 2]; }
+  std::atomic<uint64_t>& rowsAt(std::size_t piece, std::size_t group) {
+    return cells_[pieceBase(piece) + 1 + group * 2];
+  }
   std::atomic<uint64_t>& rowsLength(std::size_t piece, std::size_t group) {
     return cells_[pieceBase(piece) + 2 + group * 2];
   }
@@ -193,7 +195,8 @@ std::vector<CsvSlice> csvSlices(std::size_t workers, const FleetPieces& pieces, 
     for (std::size_t c = 0; c < pieces.count; ++c) {
       const uint64_t owner = shared.owner(c).load();
       const uint64_t length = shared.rowsLength(c, g).load();
-      if (owner > 0 && length > 0 && shared.beforeStop(c)) slices.push_back({static_cast<std::size_t>(owner - 1), shared.rowsAt(c, g).load(), length});
+      if (owner == 0 || length == 0 || !shared.beforeStop(c)) continue;
+      slices.push_back({static_cast<std::size_t>(owner - 1), shared.rowsAt(c, g).load(), length});
     }
   }
   return slices;
@@ -277,8 +280,8 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
                          ")";
     }
   }
-  if (!command.csv.empty()) {
-    if (!gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err)) return kExitFailed;
+  if (!command.csv.empty() && !gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err)) {
+    return kExitFailed;
   }
   return finishFleet(results, command.format, out, err);
 }
