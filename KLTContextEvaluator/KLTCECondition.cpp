@@ -1,62 +1,58 @@
 #include "KLTContextEvaluator/KLTCECondition.h"
 
-#include "KLTContextEvaluator/KLTCEConstants.h"
-#include "KLTContextEvaluator/KLTCEUtility.h"
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
 
-KLTCECondition::KLTCECondition(Token, const KLTValue& data, std::function<void()> handler, KLTCEDecisionSource source)
-    : completionHandler(std::move(handler)),
-      _activity(klt::valueForKey(data, kKLTActivity)),
-      _eventType(klt::valueForKey(data, kKLTEventType)),
-      _sequence(klt::integerValue(klt::valueForKey(data, kKLTSequence))),
-      _details(klt::valueForKey(data, kKLTDetails)),
-      _attributeRules(_details.additionalInfo()),
-      _timeBounds(klt::valueForKey(data, kKLTTimeBounds)),
-      _countConfig(klt::valueForKey(data, kKLTCountConfig)),
-      _ruleType(klt::valueForKey(data, kKLTRuleType)),
-      _combineOperator(klt::valueForKey(data, kKLTCombineOperator)),
-      decisionSource(std::move(source)) {}
+KLTCECondition::KLTCECondition(Token, std::shared_ptr<const KLTCEConditionRule> rule, std::function<void()> handler,
+                               KLTCEDecisionSource source)
+    : completionHandler(std::move(handler)), rule_(std::move(rule)), decisionSource(std::move(source)) {}
 
-std::shared_ptr<KLTCECondition> KLTCECondition::create(const KLTValue& data, std::function<void()> handler,
-                                                       KLTCEDecisionSource source) {
-  auto condition = std::make_shared<KLTCECondition>(Token{}, data, std::move(handler), std::move(source));
+std::shared_ptr<KLTCECondition> KLTCECondition::create(std::shared_ptr<const KLTCEConditionRule> rule,
+                                                       std::function<void()> handler, KLTCEDecisionSource source) {
+  auto condition = std::make_shared<KLTCECondition>(Token{}, std::move(rule), std::move(handler), std::move(source));
   // The trigger comes last: an "app_start" trigger arms the condition inside its own construction,
   // and arming must find every other field set. Its callback holds the condition for good.
-  condition->_trigger =
-      KLTCETrigger::create(klt::valueForKey(data, kKLTTrigger), [condition] { condition->arm(); }, condition->decisionSource);
+  condition->_trigger = KLTCETrigger::create(std::shared_ptr<const KLTCETriggerRule>(condition->rule_, &condition->rule_->trigger),
+                                             [condition] { condition->arm(); }, condition->decisionSource);
   return condition;
 }
 
 void KLTCECondition::arm() {
   auto& controller = KLTController::sharedController();
-  auto self = shared_from_this();
   KLTCEDecisions::conditionArmed(decisionSource, *this);
-  if (klt::isText(_eventType, kKLTAppEvent)) {
-    controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeApp, _details.name()), self);
-  } else if (klt::isText(_eventType, kKLTClientEvent)) {
-    controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeClient, _details.name()), self);
-  } else if (klt::isText(_eventType, kKLTActivityEvent)) {
-    controller.registerIdentifer(KLTController::listenerIdentifier(kKLTEventCodeActivity, _activity), self);
-  } else if (klt::isText(_eventType, kKLTIdleTime)) {
-    checkingIdleTime = true;
-    startTimer();
-    // Registered only once the timer is done, so no event can interrupt the idle wait itself.
-    controller.registerForEventWithType(kKLTEventCodeActivity, self);
-    controller.registerForEventWithType(kKLTEventCodePresence, self);
-    controller.registerForEventWithType(kKLTEventCodeApp, self);
-  } else if (klt::isText(_eventType, kKLTActivityTime)) {
-    startTimer();
+  switch (rule_->kind) {
+    case KLTCEEventKind::AppEvent:
+    case KLTCEEventKind::ClientEvent:
+    case KLTCEEventKind::ActivityEvent: {
+      // A trigger arms its condition at each of its events; the registry keeps a listener once per
+      // key, so only the first arming in a generation of the registry changes anything.
+      const uint64_t generation = controller.listenerGeneration() + 1;
+      if (registeredIn == generation) break;
+      controller.registerListener(rule_->listener.code, rule_->listener.name, shared_from_this());
+      registeredIn = generation;
+      break;
+    }
+    case KLTCEEventKind::IdleTime: {
+      checkingIdleTime = true;
+      startTimer();
+      // Registered only once the timer is done, so no event can interrupt the idle wait itself.
+      auto self = shared_from_this();
+      controller.registerForEventWithType(kKLTEventCodeActivity, self);
+      controller.registerForEventWithType(kKLTEventCodePresence, self);
+      controller.registerForEventWithType(kKLTEventCodeApp, self);
+      break;
+    }
+    case KLTCEEventKind::ActivityTime:
+      startTimer();
+      break;
+    default:
+      break;
   }
 }
 
 void KLTCECondition::startTimer() {
-  // Whole seconds of the `time` in milliseconds, taken as unsigned: a negative time becomes an
-  // interval so long that the timer never fires (and the queue stays blocked).
-  const int64_t millis = klt::integerValue(klt::valueForKey(_details.additionalInfo(), kKLTTime));
-  const auto seconds = static_cast<uint64_t>(millis / 1000);
   // A replaced timer is dropped from the field without being stopped.
-  timer = KLTTimer::scheduledTimer(static_cast<double>(seconds), [self = shared_from_this()] { self->timeElapsed(); });
+  timer = KLTTimer::scheduledTimer(static_cast<double>(rule_->timerSeconds), [self = shared_from_this()] { self->timeElapsed(); });
   KLTRunLoop::current().run();
 }
 
@@ -81,10 +77,10 @@ void KLTCECondition::onEvent(std::shared_ptr<const KLTEvent> event) {
 void KLTCECondition::countAndCheck(const KLTEvent& event) {
   // Counted before the checks, so events outside the time bounds still count.
   ++count;
-  // The host time is read only when the count holds, as before records existed.
-  const bool countHeld = KLTCEUtility::checkValue(count, _countConfig.count(), _countConfig.operatorWord());
-  const bool completed = countHeld && KLTCEUtility::checkGivenTime(KLTController::sharedController().currentSDKTimeInMillis(),
-                                                                   _timeBounds.lower(), _timeBounds.upper());
+  // The host time is read only when the count holds.
+  const KLTCEConditionRule& r = *rule_;
+  const bool countHeld = KLTCECompare(count, r.countConfig.count(), r.countConfig.op());
+  const bool completed = countHeld && r.timeBounds.contains(KLTController::sharedController().currentSDKTimeInMillis());
   KLTCEDecisions::eventCounted(decisionSource, *this, event, countHeld, completed);
   if (completed) {
     _satisfied = true;
@@ -96,12 +92,15 @@ KLTSerialQueue* KLTCECondition::eventQueue() const { return KLTContextEvaluator:
 
 void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
   // Handled by the event's code, whatever this condition's own type: an idle condition also
-  // receives activity and app events and matches them like any other.
+  // receives activity and app events and matches them like any other. A condition registered
+  // under its name receives only events of that name, which bear it whenever the name is text.
+  const KLTCEConditionRule& r = *rule_;
+  const bool routed = r.listener.code != 0;
   switch (event.eventType) {
     case kKLTEventCodeActivity:
       if (checkingIdleTime) cancelIdleTimeTimer();
       // Activity events count on their name alone.
-      if (klt::isText(_activity, event.identifier)) countAndCheck(event);
+      if (routed ? r.routedNameMatches : klt::isText(r.activity, event.identifier)) countAndCheck(event);
       break;
     case kKLTEventCodePresence:
       if (checkingIdleTime) cancelIdleTimeTimer();
@@ -109,8 +108,7 @@ void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
     case kKLTEventCodeApp:
     case kKLTEventCodeClient:
       if (checkingIdleTime) cancelIdleTimeTimer();
-      if (klt::isText(_details.name(), event.identifier) &&
-          _attributeRules.matches(event.additionalInfo)) {
+      if ((routed ? r.routedNameMatches : klt::isText(r.details.name(), event.identifier)) && r.matcher.matches(event)) {
         countAndCheck(event);
       }
       break;
@@ -119,7 +117,6 @@ void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
   }
 }
 
-// Placed last so that the source lines of the log sites above stay as they are.
 void KLTCECondition::release() {
   completionHandler = nullptr;
   if (_trigger) _trigger->release();

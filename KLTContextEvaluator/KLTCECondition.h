@@ -1,7 +1,8 @@
-// KLTCECondition: one rule of a campaign. It is armed by its trigger; once armed it listens to the
-// host for its events (or runs a timer), counts matching events, and when the count and the time
-// bounds hold it sets `satisfied` (for good) and calls its completion callback, again at every
-// later event where both hold.
+// KLTCECondition: one rule of a campaign at run time, built from its compiled rule (KLTCECampaign.h:
+// KLTCEConditionRule). It is armed by its trigger; once armed it listens to the host for its
+// events (or runs a timer), counts matching events, and when the count and the time bounds hold it
+// sets `satisfied` (for good) and calls its completion callback, again at every later event where
+// both hold.
 //
 // Arming by event type: "app_event" registers under 4___name, "client_event" under 5___name,
 // "activity_event" under 1___activity; "idle_time" starts its timer, runs the thread's run loop
@@ -11,27 +12,26 @@
 // Thread-safety: onEvent() may be called from any thread and posts its work to the evaluator's
 // serial queue; everything else runs on that queue. Ownership: created with create(); held by its
 // config item's callbacks, its trigger's callback and the host's registry, for the rest of the
-// process.
+// process. It keeps its rule (and so the compiled campaign) alive.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 
+#include "KLTContextEvaluator/KLTCECampaign.h"
 #include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "KLTContextEvaluator/KLTCETrigger.h"
-#include "KLTContextEvaluator/KLTCEUtility.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTRunLoop.h"
-#include "platform/KLTValue.h"
 
 class KLTCECondition final : public KLTEventListener, public std::enable_shared_from_this<KLTCECondition> {
  public:
-  // Builds the condition from one element of a configuration's `conditions` list (any value), its
-  // trigger last: an "app_start" trigger arms the condition before create() returns. Call on the
-  // evaluator's serial queue. source names the campaign and position in decision records.
-  static std::shared_ptr<KLTCECondition> create(const KLTValue& data, std::function<void()> completionHandler,
-                                                KLTCEDecisionSource source = {});
+  // Builds the condition of a rule, its trigger last: an "app_start" trigger arms the condition
+  // before create() returns. Call on the evaluator's serial queue. source names the campaign and
+  // position in decision records.
+  static std::shared_ptr<KLTCECondition> create(std::shared_ptr<const KLTCEConditionRule> rule,
+                                                std::function<void()> completionHandler, KLTCEDecisionSource source = {});
 
   // Posts the event's handling to the evaluator's serial queue; any thread.
   void onEvent(std::shared_ptr<const KLTEvent> event) override;
@@ -48,16 +48,11 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   void timeElapsed();
 
   bool satisfied() const { return _satisfied; }
-  void setSatisfied(bool satisfied) { _satisfied = satisfied; }
-  const KLTValue& activity() const { return _activity; }
-  const KLTValue& eventType() const { return _eventType; }
-  int64_t sequence() const { return _sequence; }
-  const KLTCEDetails& details() const { return _details; }
-  const KLTCETimeBounds& timeBounds() const { return _timeBounds; }
-  const KLTCECountConfig& countConfig() const { return _countConfig; }
+  const KLTCEConditionRule& rule() const { return *rule_; }
+  const KLTValue& eventType() const { return rule_->eventType; }
+  KLTCECombine combine() const { return rule_->combine; }
+  const KLTValue& combineOperator() const { return rule_->combineWord; }
   const std::shared_ptr<KLTCETrigger>& trigger() const { return _trigger; }
-  const KLTValue& ruleType() const { return _ruleType; }
-  const KLTValue& combineOperator() const { return _combineOperator; }
 
   // Matching events counted so far, and whether an idle wait is pending (for inspection).
   int64_t occurrenceCount() const { return count; }
@@ -67,7 +62,8 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   struct Token {};
 
  public:
-  KLTCECondition(Token, const KLTValue& data, std::function<void()> completionHandler, KLTCEDecisionSource source);
+  KLTCECondition(Token, std::shared_ptr<const KLTCEConditionRule> rule, std::function<void()> completionHandler,
+                 KLTCEDecisionSource source);
 
  private:
   void arm();
@@ -76,18 +72,13 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
 
   int64_t count = 0;
   bool checkingIdleTime = false;
+  bool _satisfied = false;
+  // The host registry's listener generation this condition registered in, plus one (0: none): an
+  // arming in the same generation finds it registered already and changes nothing.
+  uint64_t registeredIn = 0;
   std::shared_ptr<KLTTimer> timer;
   std::function<void()> completionHandler;
-  bool _satisfied = false;
-  KLTValue _activity;
-  KLTValue _eventType;
-  int64_t _sequence = 0;
-  KLTCEDetails _details;
-  KLTCEAttributeRules _attributeRules;  // _details' attribute data, read once for matching
-  KLTCETimeBounds _timeBounds;
-  KLTCECountConfig _countConfig;
+  std::shared_ptr<const KLTCEConditionRule> rule_;
   std::shared_ptr<KLTCETrigger> _trigger;
-  KLTValue _ruleType;
-  KLTValue _combineOperator;
   KLTCEDecisionSource decisionSource;
 };

@@ -1,6 +1,7 @@
-// KLTCEConfigItem: the run-time form of one admitted campaign. It builds the campaign's conditions,
-// combines their results when one completes, applies the daily time window and (in combined mode)
-// the frequency cap, and dispatches the display event to the host.
+// KLTCEConfigItem: the run-time form of one admitted campaign, built from its compiled form
+// (KLTCECampaign.h). It builds the campaign's conditions, combines their results when one
+// completes, applies the daily time window and (in combined mode) the frequency cap, and
+// dispatches the display event to the host.
 //
 // Combined mode (`sequence_enabled` false): all conditions are built at once; every completion
 // folds their `satisfied` flags strictly left to right with each later condition's combine
@@ -18,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "KLTContextEvaluator/KLTCECampaign.h"
 #include "KLTContextEvaluator/KLTCECondition.h"
 #include "KLTContextEvaluator/KLTCEDecisionHooks.h"
 #include "KLTContextEvaluator/KLTCEFrequency.h"
@@ -25,9 +27,11 @@
 
 class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigItem> {
  public:
-  // Builds the item from an admitted configuration. A configuration without a text `_id` builds
-  // nothing: nullptr, with one ERROR line. In sequence mode with no conditions the campaign is
-  // dispatched (window permitting) before create() returns.
+  // Builds the item of a compiled campaign (never nullptr for a campaign). In sequence mode with no
+  // conditions the campaign is dispatched (window permitting) before create() returns.
+  static std::shared_ptr<KLTCEConfigItem> create(std::shared_ptr<const KLTCECampaign> campaign);
+  // Compiles an admitted configuration and builds its item. A configuration without a text `_id`
+  // builds nothing: nullptr, with one ERROR line.
   static std::shared_ptr<KLTCEConfigItem> create(const KLTValue& config);
 
   // Combined mode: folds the conditions and dispatches when the result, the window and the cap allow.
@@ -37,20 +41,19 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
   bool checkCountAndValidity();
   // Counts one showing in the persisted counters.
   void updateFrequencyForConfigItemWithIdentifier(const std::string& identifier);
-  // Builds and hands to the host the display event of this type ("SURVEY", "IN_APP", "IN_LINE");
-  // any other type dispatches nothing.
-  void dispatchEventWithType(const KLTValue& type);
+  // Builds and hands to the host the display event of this type (SURVEY, IN_APP, IN_LINE); None
+  // dispatches nothing.
+  void dispatchEventWithType(KLTCEDisplayKind type);
 
-  const std::string& identifier() const { return _id; }
+  const std::string& identifier() const { return campaign_->identifier(); }
+  const KLTCECampaign& campaign() const { return *campaign_; }
   // Combined mode: every condition in document order. Sequence mode: empty.
   const std::vector<std::shared_ptr<KLTCECondition>>& conditions() const { return _conditions; }
   const KLTCEFrequency& frequency() const { return *_frequency; }
   // Nothing when no daily window applies.
   const KLTCETimeLimits* timeLimits() const { return _timeLimits.get(); }
-  // { id: { "type": meta.type, "subtype": ui.display_type } }, absent values not set.
-  const KLTValue& meta() const { return _meta; }
-  // The display type: the `type` of the meta entry (null when absent).
-  const KLTValue& displayType() const;
+  // The display type: the `type` of the campaign's meta (null when absent).
+  const KLTValue& displayType() const { return campaign_->displayType(); }
   // Releases its conditions (KLTCECondition::release()) and lets go of them, so that the item and
   // its rule objects are freed with the last outside reference. Only once nothing can deliver to
   // them any more (the engine's reset); on the serial queue.
@@ -58,21 +61,19 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
 
  private:
   struct Token {};
-  using ConditionList = std::vector<KLTValue>;
 
  public:
-  KLTCEConfigItem(Token, const KLTValue& config, std::string identifier);
+  KLTCEConfigItem(Token, std::shared_ptr<const KLTCECampaign> campaign);
 
  private:
-  void prepareMetaDictionaryWithConfig(const KLTValue& config);
-  void buildConditions(const KLTValue& config);
-  void loadItemAtPosition(std::size_t position, const std::shared_ptr<const ConditionList>& conditions);
+  void buildConditions();
+  void loadItemAtPosition(std::size_t position);
+  std::shared_ptr<KLTCECondition> makeCondition(std::size_t position, std::function<void()> completion);
 
-  std::string _id;
+  std::shared_ptr<const KLTCECampaign> campaign_;
   std::unique_ptr<KLTCEFrequency> _frequency;
   std::unique_ptr<KLTCETimeLimits> _timeLimits;
   std::vector<std::shared_ptr<KLTCECondition>> _conditions;
-  KLTValue _meta;
   // Sequence mode: every condition built so far. Nothing reads them here; holding them keeps a
   // condition that never registered with the host (a timer) reachable for the life of the item.
   std::vector<std::shared_ptr<KLTCECondition>> sequenceConditions;

@@ -135,33 +135,26 @@ std::string hourMinute(int64_t hour, int64_t minute) {
 }
 
 // The name a rule listens for: the activity for activity events, else the details' name.
-KLTValue ruleName(const KLTValue& eventType, const KLTValue& activity, const KLTValue& details) {
-  return klt::isText(eventType, kKLTActivityEvent) ? activity : klt::valueForKey(details, kKLTName);
+const KLTValue& ruleName(const KLTValue& eventType, const KLTValue& activity, const KLTCEDetails& details) {
+  return klt::isText(eventType, kKLTActivityEvent) ? activity : details.name();
 }
 
-KLTValue describeCondition(const KLTValue& data) {
-  const KLTCECountConfig count(klt::valueForKey(data, kKLTCountConfig));
-  const KLTCETimeBounds bounds(klt::valueForKey(data, kKLTTimeBounds));
-  const KLTValue& details = klt::valueForKey(data, kKLTDetails);
-  const KLTValue& eventType = klt::valueForKey(data, kKLTEventType);
-  const KLTValue& trigger = klt::valueForKey(data, kKLTTrigger);
-  const KLTCETimeBounds triggerBounds(klt::valueForKey(trigger, kKLTTimeBounds));
-  const KLTValue& triggerType = klt::valueForKey(trigger, kKLTEventType);
+KLTValue describeCondition(const KLTCEConditionRule& rule) {
+  const KLTCETriggerRule& trigger = rule.trigger;
   return Entries(9)
-      .add("event_type", eventType)
-      .add("name", ruleName(eventType, klt::valueForKey(data, kKLTActivity), details))
-      .add("count", count.count())
-      .add("operator", count.operatorWord())
-      .add("combine_operator", klt::valueForKey(data, kKLTCombineOperator))
-      .add("lower", bounds.lower())
-      .add("upper", bounds.upper())
-      .add("time", klt::valueForKey(klt::valueForKey(details, kKLTAdditionalInfo), kKLTTime))
+      .add("event_type", rule.eventType)
+      .add("name", ruleName(rule.eventType, rule.activity, rule.details))
+      .add("count", rule.countConfig.count())
+      .add("operator", rule.countConfig.operatorWord())
+      .add("combine_operator", rule.combineWord)
+      .add("lower", rule.timeBounds.lower())
+      .add("upper", rule.timeBounds.upper())
+      .add("time", rule.time)
       .add("trigger", Entries(4)
-                          .add("event_type", triggerType)
-                          .add("name", ruleName(triggerType, klt::valueForKey(trigger, kKLTActivity),
-                                                klt::valueForKey(trigger, kKLTDetails)))
-                          .add("lower", triggerBounds.lower())
-                          .add("upper", triggerBounds.upper())
+                          .add("event_type", trigger.eventType)
+                          .add("name", ruleName(trigger.eventType, trigger.activity, trigger.details))
+                          .add("lower", trigger.timeBounds.lower())
+                          .add("upper", trigger.timeBounds.upper())
                           .done())
       .done();
 }
@@ -211,11 +204,6 @@ bool KLTCEAdmission::reject(std::string_view step, std::string_view message, KLT
   return false;
 }
 
-void KLTCEDecisions::itemBuilt(const KLTCEConfigItem& item, const KLTValue& conditions, bool sequence) {
-  static const KLTValue::array_t kNone;
-  itemBuilt(item, conditions.is_array() ? conditions.get_ref<const KLTValue::array_t&>() : kNone, sequence);
-}
-
 namespace KLTCEDecisions::detail {
 
 void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& a) {
@@ -225,13 +213,14 @@ void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& a) {
   deliver(kind, campaign, -1, a.admitted ? KLTValue{{"priority", priority}} : a.reason);
 }
 
-void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions, bool sequence) {
+void itemBuilt(const KLTCEConfigItem& item) {
   if (deliveredBare(KLTCEDecisionKind::ItemBuilt, item.identifier(), -1)) return;
+  const auto& conditions = item.campaign().conditions();
   KLTValue list = KLTValue::array();
   list.get_ref<KLTValue::array_t&>().reserve(conditions.size());
-  for (const KLTValue& data : conditions) list.push_back(describeCondition(data));
+  for (const KLTCEConditionRule& rule : conditions) list.push_back(describeCondition(rule));
   Entries values(4);
-  values.add("mode", sequence ? "sequence" : "combined").add("type", item.displayType());
+  values.add("mode", item.campaign().sequenceEnabled() ? "sequence" : "combined").add("type", item.displayType());
   if (const KLTCETimeLimits* window = item.timeLimits()) {
     values.add("window", Entries(2)
                              .add("start", hourMinute(window->startTimeHour(), window->startTimeMin()))
@@ -252,20 +241,15 @@ void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger
 
 void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& condition) {
   if (deliveredBare(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition)) return;
-  const KLTValue& type = condition.eventType();
+  const KLTCEConditionRule& rule = condition.rule();
   Entries values(3);
-  values.add("event_type", type);
-  if (klt::isText(type, kKLTAppEvent)) {
-    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeApp, condition.details().name()));
-  } else if (klt::isText(type, kKLTClientEvent)) {
-    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeClient, condition.details().name()));
-  } else if (klt::isText(type, kKLTActivityEvent)) {
-    values.add("listener", KLTController::listenerIdentifier(kKLTEventCodeActivity, condition.activity()));
-  } else if (klt::isText(type, kKLTIdleTime) || klt::isText(type, kKLTActivityTime)) {
+  values.add("event_type", rule.eventType);
+  if (rule.listener.code != 0) {
+    values.add("listener", rule.listener.identifier());
+  } else if (rule.kind == KLTCEEventKind::IdleTime || rule.kind == KLTCEEventKind::ActivityTime) {
     // The interval as the condition computes it: whole seconds, taken as unsigned.
-    const int64_t millis = klt::integerValue(klt::valueForKey(condition.details().additionalInfo(), kKLTTime));
-    values.add("timer_seconds", static_cast<uint64_t>(millis / 1000));
-    if (klt::isText(type, kKLTIdleTime)) values.add("event_codes", {1, 3, 4});
+    values.add("timer_seconds", rule.timerSeconds);
+    if (rule.kind == KLTCEEventKind::IdleTime) values.add("event_codes", {1, 3, 4});
   }
   deliver(KLTCEDecisionKind::ConditionArmed, source.campaign, source.condition, values.done());
 }
@@ -280,15 +264,15 @@ void eventCounted(const KLTCEDecisionSource& source, const KLTCECondition& condi
                   bool countHeld, bool completed) {
   if (deliveredBare(KLTCEDecisionKind::EventCounted, source.campaign, source.condition)) return;
   const int64_t now = hostMillis();
-  const KLTCETimeBounds& bounds = condition.timeBounds();
+  const KLTCETimeBounds& bounds = condition.rule().timeBounds;
   thread_local ReusedValues reused{"code", "name",  "count", "wanted",    "operator", "count_held",
                                    "time", "lower", "upper", "in_bounds", "completed"};
   ReusedValues& values = reused.prepare();
   ReusedValues::put(values[0], event.eventType);
   ReusedValues::assignText(values[1], event.identifier);
   ReusedValues::put(values[2], condition.occurrenceCount());
-  ReusedValues::put(values[3], condition.countConfig().count());
-  ReusedValues::assign(values[4], condition.countConfig().operatorWord());
+  ReusedValues::put(values[3], condition.rule().countConfig.count());
+  ReusedValues::assign(values[4], condition.rule().countConfig.operatorWord());
   ReusedValues::put(values[5], countHeld);
   ReusedValues::put(values[6], now);
   ReusedValues::put(values[7], bounds.lower());

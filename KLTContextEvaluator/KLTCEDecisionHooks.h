@@ -36,7 +36,7 @@ inline KLTCEDecisionObserver* observer() { return installed.load(std::memory_ord
 
 namespace detail {
 void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& admission);
-void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions, bool sequence);
+void itemBuilt(const KLTCEConfigItem& item);
 void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger, const KLTEvent* event);
 void conditionArmed(const KLTCEDecisionSource& source, const KLTCECondition& condition);
 void timerEnded(const KLTCEDecisionSource& source, const KLTCECondition& condition);
@@ -53,11 +53,10 @@ void displayCounted(const KLTCEConfigItem& item, const std::string& identifier);
 inline void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& a) {
   if (observer()) detail::admission(id, priority, a);
 }
-// An item about to build its conditions, listed in the order it uses them.
-inline void itemBuilt(const KLTCEConfigItem& item, const KLTValue::array_t& conditions, bool sequence) {
-  if (observer()) detail::itemBuilt(item, conditions, sequence);
+// An item about to build its conditions (listed in the order it uses them).
+inline void itemBuilt(const KLTCEConfigItem& item) {
+  if (observer()) detail::itemBuilt(item);
 }
-void itemBuilt(const KLTCEConfigItem& item, const KLTValue& conditions, bool sequence);
 // A trigger calling its arming callback; event is nullptr for "app_start".
 inline void triggerFired(const KLTCEDecisionSource& source, const KLTCETrigger& trigger, const KLTEvent* event) {
   if (observer()) detail::triggerFired(source, trigger, event);

@@ -5,51 +5,19 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEAttributeMatcher.h"
 #include "platform/KLTBundle.h"
 
 namespace {
 
-// Literal keys of an audience rule and of a typed attribute rule.
+// The literal key of an audience rule's asked values.
 constexpr std::string_view kRuleValue = "value";
-constexpr std::string_view kTypedType = "t";
-constexpr std::string_view kTypedOperator = "op";
-constexpr std::string_view kTypedValue = "val";
 
-enum class Word { EQ, NEQ, GT, GTE, LT, LTE, Other };
+using Word = KLTCEOperator;
 
-// The operator word, tested in the fixed order of the vocabulary; anything that is not one of the
-// six exact texts (a missing operator included) is Other.
-Word operatorWord(const KLTValue& op) {
-  const std::string* s = klt::stringPtr(op);
-  if (s == nullptr) return Word::Other;
-  if (*s == kKLTOpEQ) return Word::EQ;
-  if (*s == kKLTOpNEQ) return Word::NEQ;
-  if (*s == kKLTOpGT) return Word::GT;
-  if (*s == kKLTOpGTE) return Word::GTE;
-  if (*s == kKLTOpLT) return Word::LT;
-  if (*s == kKLTOpLTE) return Word::LTE;
-  return Word::Other;
-}
+Word operatorWord(const KLTValue& op) { return KLTCEOperatorOf(op); }
 
-bool compareIntegers(int64_t a, int64_t b, Word word) {
-  switch (word) {
-    case Word::EQ:
-      return a == b;
-    case Word::NEQ:
-      return a != b;
-    case Word::GT:
-      return a > b;
-    case Word::GTE:
-      return a >= b;
-    case Word::LT:
-      return a < b;
-    case Word::LTE:
-      return a <= b;
-    case Word::Other:
-      break;
-  }
-  return false;
-}
+bool compareIntegers(int64_t a, int64_t b, Word word) { return KLTCECompare(a, b, word); }
 
 bool checkBoolWord(bool a, bool b, Word word) {
   switch (word) {
@@ -90,9 +58,6 @@ const KLTValue& eqOperator() {
   static const KLTValue kEQ = kKLTOpEQ;
   return kEQ;
 }
-
-// Whether the text equals the one-character type letter of a typed rule.
-bool isLetter(const std::string* text, char letter) { return text != nullptr && text->size() == 1 && (*text)[0] == letter; }
 
 // Number identity for trigger data: numbers given by value, so "the same number" means the same
 // kind (boolean, integer whatever its signedness, floating) and an equal value.
@@ -136,12 +101,14 @@ bool KLTCEUtility::checkAttrValue(const KLTValue& v, int64_t g, const KLTValue& 
 }
 
 bool KLTCEUtility::evaluateConditionStatus(bool x, bool y, const KLTValue& op) {
-  const std::string* s = klt::stringPtr(op);
-  if (s == nullptr) return false;
-  if (*s == kKLTAnd) return x && y;
-  if (*s == kKLTOr) return x || y;
-  return false;
+  return KLTCECombineFlags(x, y, KLTCECombineOf(op));
 }
+
+bool KLTCEUtility::checkBool(bool a, bool b, KLTCEOperator op) { return checkBoolWord(a, b, op); }
+
+bool KLTCEUtility::checkString(const KLTValue& s, const KLTValue& v, KLTCEOperator op) { return checkStringWord(s, v, op); }
+
+bool KLTCEUtility::checkAttrValue(const KLTValue& v, int64_t g, KLTCEOperator op) { return checkAttrValueWord(v, g, op); }
 
 bool KLTCEUtility::checkGivenTime(int64_t t, int64_t lower, int64_t upper) { return lower <= t && t <= upper; }
 
@@ -177,7 +144,19 @@ bool KLTCEUtility::doesArray(const KLTValue& a, const KLTValue& b, const KLTValu
 }
 
 bool KLTCEUtility::doesEventAttributes(const KLTValue& eventAttributes, const KLTValue& data) {
-  return KLTCEAttributeRules(data).matches(eventAttributes);
+  return KLTCEAttributeMatcher::forCondition(data).matches(eventAttributes);
+}
+
+KLTCEUtility::IdentityStep KLTCEUtility::identityStep(const KLTValue& x, const KLTValue& y) {
+  if (klt::isDictionary(y) && klt::isDictionary(x)) return IdentityStep::Descend;
+  if (klt::isList(y) && klt::isList(x)) return doesArray(y, x, eqOperator()) ? IdentityStep::DecideTrue : IdentityStep::DecideFalse;
+  if (klt::isString(y)) {
+    return klt::isString(x) && x.get_ref<const std::string&>() == y.get_ref<const std::string&>() ? IdentityStep::Pass
+                                                                                                 : IdentityStep::Fail;
+  }
+  if (klt::isNumber(y)) return sameNumber(x, y) ? IdentityStep::Pass : IdentityStep::Fail;
+  // A present null, or a dictionary or list against another kind, is passed over.
+  return IdentityStep::Pass;
 }
 
 bool KLTCEUtility::doesDictionary(const KLTValue& a, const KLTValue& b) {
@@ -190,23 +169,17 @@ bool KLTCEUtility::doesDictionary(const KLTValue& a, const KLTValue& b) {
     const KLTValue* nextEvent = nullptr;
     const KLTValue* nextData = nullptr;
     for (auto it = data->begin(); it != data->end(); ++it) {
-      const KLTValue& x = it.value();
       if (!klt::isDictionary(*event)) return false;
       const auto found = event->find(it.key());
       if (found == event->end()) return false;
-      const KLTValue& y = *found;
-      if (klt::isDictionary(y) && klt::isDictionary(x)) {
-        nextEvent = &y;
-        nextData = &x;
+      const IdentityStep step = identityStep(it.value(), *found);
+      if (step == IdentityStep::Pass) continue;
+      if (step == IdentityStep::Descend) {
+        nextEvent = &*found;
+        nextData = &it.value();
         break;
       }
-      if (klt::isList(y) && klt::isList(x)) return doesArray(y, x, eqOperator());
-      if (klt::isString(y)) {
-        if (!klt::isString(x) || x.get_ref<const std::string&>() != y.get_ref<const std::string&>()) return false;
-      } else if (klt::isNumber(y)) {
-        if (!sameNumber(x, y)) return false;
-      }
-      // A present null, or a dictionary or list against another kind, is passed over.
+      return step == IdentityStep::DecideTrue;
     }
     if (nextData == nullptr) return true;
     event = nextEvent;
@@ -254,64 +227,4 @@ bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& o
     }
   }
   return word == Word::GTE || word == Word::LTE;
-}
-
-struct KLTCEAttributeRules::Rule {
-  enum class Check { Text, Truth, Number };
-  std::string key;
-  Check check;
-  Word word;
-  KLTValue text;       // Text: the value asked for, of any kind
-  int64_t number = 0;  // Number: the integer asked for; Truth: 1 or 0, the rule's value read as a truth
-};
-
-KLTCEAttributeRules::KLTCEAttributeRules(const KLTValue& data) {
-  using Check = Rule::Check;
-  if (!klt::isDictionary(data)) return;
-  for (auto it = data.begin(); it != data.end(); ++it) {
-    const KLTValue& x = it.value();
-    if (klt::isDictionary(x)) {
-      const std::string* type = klt::stringPtr(klt::valueForKey(x, kTypedType));
-      const Word word = operatorWord(klt::valueForKey(x, kTypedOperator));
-      const KLTValue& val = klt::valueForKey(x, kTypedValue);
-      if (isLetter(type, 's')) {
-        rules_.push_back({it.key(), Check::Text, word, val});
-      } else if (isLetter(type, 'b')) {
-        rules_.push_back({it.key(), Check::Truth, word, {}, klt::boolValue(val) ? 1 : 0});
-      } else if (isLetter(type, 'l') || isLetter(type, 'n')) {
-        if (!klt::isNumber(val)) never_ = true;
-        rules_.push_back({it.key(), Check::Number, word, {}, klt::integerValue(val)});
-      }
-      // Any other type letter, or none, leaves the key out of the match.
-    } else if (klt::isString(x)) {
-      rules_.push_back({it.key(), Check::Text, Word::EQ, x});
-    } else if (klt::isNumber(x)) {
-      // The data number is read as a floating number first, so 3.7 asks for 3 and a huge integer
-      // saturates rather than wrapping.
-      rules_.push_back({it.key(), Check::Number, Word::EQ, {}, klt::integerValue(KLTValue(klt::doubleValue(x)))});
-    }
-  }
-}
-
-KLTCEAttributeRules::~KLTCEAttributeRules() = default;
-
-bool KLTCEAttributeRules::matches(const KLTValue& eventAttributes) const {
-  if (never_) return false;
-  for (const Rule& rule : rules_) {
-    const KLTValue& y = klt::valueForKey(eventAttributes, rule.key);
-    bool passes = false;
-    switch (rule.check) {
-      case Rule::Check::Text:
-        passes = checkStringWord(rule.text, y, rule.word);
-        break;
-      case Rule::Check::Truth:
-        passes = checkBoolWord(rule.number != 0, klt::boolValue(y), rule.word);
-        break;
-      case Rule::Check::Number:
-        passes = checkAttrValueWord(y, rule.number, rule.word);
-        break;
-    }
-    if (!passes) return false;
-  }
-  return true;
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "KLTContextEvaluator/KLTCEWords.h"
 #include "platform/KLTValue.h"
 
 class KLTCEUtility {
@@ -34,6 +35,12 @@ class KLTCEUtility {
   // lower <= t <= upper.
   static bool checkGivenTime(int64_t t, int64_t lower, int64_t upper);
 
+  // The same checks with the operator word already read (KLTCEWords.h): what a compiled rule calls.
+  static bool checkBool(bool a, bool b, KLTCEOperator op);
+  static bool checkValue(int64_t a, int64_t b, KLTCEOperator op) { return KLTCECompare(a, b, op); }
+  static bool checkString(const KLTValue& s, const KLTValue& v, KLTCEOperator op);
+  static bool checkAttrValue(const KLTValue& v, int64_t g, KLTCEOperator op);
+
   // --- Attribute sets ---
   // One audience rule {"name","value","operator"} against the host's attribute dictionary. Holds
   // when the host lacks the name, when the host value is a dictionary or null, and for a host text
@@ -52,29 +59,14 @@ class KLTCEUtility {
   // present with null is passed over. Numbers match when of the same kind (boolean, integer,
   // floating) and equal. Iterative: any nesting depth is safe.
   static bool doesDictionary(const KLTValue& a, const KLTValue& b);
+  // One key of trigger data (x) against the event's value under it (y), as doesDictionary() reads
+  // it: the key passes, fails, decides the whole result, or hands it to the nested dictionaries.
+  enum class IdentityStep { Pass, Fail, DecideTrue, DecideFalse, Descend };
+  static IdentityStep identityStep(const KLTValue& x, const KLTValue& y);
 
   // --- Versions ---
   // The application's version (KLTBundle) against the given one under the operator: equality by
   // component text, orderings by component integers. False when the application's version is
   // missing or the scan would read past its last component.
   static bool checkGivenVersion(const std::string& given, const KLTValue& op);
-};
-
-// KLTCEAttributeRules: a condition's attribute data (as doesEventAttributes() takes it) read once,
-// so that matching an event costs one lookup per key of the data and no second reading of its
-// typed rules or operator words. matches() answers what doesEventAttributes() answers for the same
-// data, whatever either holds. Immutable once built; may be read from any thread.
-class KLTCEAttributeRules {
- public:
-  explicit KLTCEAttributeRules(const KLTValue& data);
-  ~KLTCEAttributeRules();
-  KLTCEAttributeRules(const KLTCEAttributeRules&) = delete;
-  KLTCEAttributeRules& operator=(const KLTCEAttributeRules&) = delete;
-
-  bool matches(const KLTValue& eventAttributes) const;
-
- private:
-  struct Rule;
-  std::vector<Rule> rules_;
-  bool never_ = false;  // a typed number rule without a number: no event passes
 };

@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "KLTContextEvaluator/KLTCEAttributeMatcher.h"
 #include "KLTContextEvaluator/KLTCEUtility.h"
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "testsupport/KLTTestHost.h"
@@ -45,7 +46,7 @@ void BM_AttributeRules_5Of20(benchmark::State& state) {
     "paid": {"t": "b", "op": "EQ", "val": true},
     "tags": "promo"
   })");
-  const KLTCEAttributeRules rules(data);
+  const KLTCEAttributeMatcher rules = KLTCEAttributeMatcher::forCondition(data);
   bool result = false;
   for (auto _ : state) {
     result = rules.matches(event);

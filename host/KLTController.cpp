@@ -51,15 +51,22 @@ void KLTController::addUnique(std::shared_ptr<const ListenerList>& slot, std::sh
 void KLTController::registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener) {
   if (!listener) return;
   const auto split = splitIdentifier(identifier);
-  KLTSerialQueue* queue = listener->eventQueue();  // asked outside the lock: it may reach other objects
-  std::unique_lock lock(mutex_);
   if (!split) {
+    KLTSerialQueue* queue = listener->eventQueue();  // asked outside the lock: it may reach other objects
+    std::unique_lock lock(mutex_);
     addUnique(undeliverable_[identifier], std::move(listener), queue);
     return;
   }
-  ByName& names = byIdentifier_[split->first];
-  auto it = names.find(split->second);
-  if (it == names.end()) it = names.emplace(std::string(split->second), nullptr).first;
+  registerListener(split->first, split->second, std::move(listener));
+}
+
+void KLTController::registerListener(unsigned long code, std::string_view name, std::shared_ptr<KLTEventListener> listener) {
+  if (!listener) return;
+  KLTSerialQueue* queue = listener->eventQueue();
+  std::unique_lock lock(mutex_);
+  ByName& names = byIdentifier_[code];
+  auto it = names.find(name);
+  if (it == names.end()) it = names.emplace(std::string(name), nullptr).first;
   addUnique(it->second, std::move(listener), queue);
 }
 
@@ -145,6 +152,7 @@ void KLTController::setSession(std::shared_ptr<KLTSession> session) {
 
 void KLTController::removeAllListeners() {
   std::unique_lock lock(mutex_);
+  generation_.fetch_add(1, std::memory_order_acq_rel);
   for (auto& [code, names] : byIdentifier_) {
     for (auto& [name, list] : names) retired_.push_back(std::move(list));
   }

@@ -18,6 +18,7 @@
 // thread that called dispatchEvent() (the evaluator's serial queue).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -48,6 +49,12 @@ class KLTController {
 
   // --- what the plug-in calls ---
   void registerIdentifer(const std::string& identifier, std::shared_ptr<KLTEventListener> listener);
+  // The same registration under the identifier of (code, name), given in its two parts: nothing
+  // is built or split (a rule keeps its key from when it was compiled).
+  void registerListener(unsigned long code, std::string_view name, std::shared_ptr<KLTEventListener> listener);
+  // A number that changes whenever removeAllListeners() forgets every registration: a listener
+  // registered under a key stays registered there while this number is the same.
+  uint64_t listenerGeneration() const { return generation_.load(std::memory_order_acquire); }
   void registerForEventWithType(unsigned long eventType, std::shared_ptr<KLTEventListener> listener);
   int64_t currentSDKTimeInMillis() const;
   void dispatchEvent(std::shared_ptr<KLTDisplayEvent> event);
@@ -91,6 +98,7 @@ class KLTController {
   static void addUnique(ListSlot& slot, std::shared_ptr<KLTEventListener> listener, KLTSerialQueue* queue);
 
   mutable std::shared_mutex mutex_;
+  std::atomic<uint64_t> generation_{0};
   // Identifiers "<code>___<name>" by code, then name. An identifier that no event's can equal (its
   // code part is not a code's decimal text) stays registered, and counted, but is never delivered.
   std::unordered_map<unsigned long, ByName> byIdentifier_;

@@ -4,11 +4,36 @@
 // can be read from any thread.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
+#include "platform/KLTKeyIndex.h"
 #include "platform/KLTSerialQueue.h"
 #include "platform/KLTValue.h"
+
+// The index of an event's attributes, made by the first rule that looks one up and kept for the
+// others: an event reaches every condition and trigger listening for it. Safe from any thread (two
+// first lookups at once each build one; one is kept). A copy starts without an index.
+class KLTLazyKeyIndex {
+ public:
+  KLTLazyKeyIndex() = default;
+  KLTLazyKeyIndex(const KLTLazyKeyIndex&) noexcept {}
+  KLTLazyKeyIndex& operator=(const KLTLazyKeyIndex&) = delete;
+  ~KLTLazyKeyIndex() { delete index_.load(std::memory_order_relaxed); }
+  // The index of dictionary, which must be the same value at every call for this object.
+  const klt::KLTKeyIndex& of(const KLTValue& dictionary) const {
+    if (const klt::KLTKeyIndex* built = index_.load(std::memory_order_acquire)) return *built;
+    auto* made = new klt::KLTKeyIndex(dictionary);
+    const klt::KLTKeyIndex* expected = nullptr;
+    if (index_.compare_exchange_strong(expected, made, std::memory_order_acq_rel)) return *made;
+    delete made;
+    return *expected;
+  }
+
+ private:
+  mutable std::atomic<const klt::KLTKeyIndex*> index_{nullptr};
+};
 
 // Host event codes.
 enum KLTEventCode : unsigned long {
@@ -22,11 +47,15 @@ struct KLTEvent {
   unsigned long eventType = 0;
   std::string identifier;                         // the event's or activity's name
   KLTValue additionalInfo = KLTValue::object();   // the event's attributes
+  KLTLazyKeyIndex attributeIndex_;                // of additionalInfo; see attributes()
+
+  // The attributes, indexed by key.
+  const klt::KLTKeyIndex& attributes() const { return attributeIndex_.of(additionalInfo); }
 
   static std::shared_ptr<const KLTEvent> make(unsigned long type, std::string identifier,
                                               KLTValue additionalInfo = KLTValue::object()) {
     // Built in place: a default event would first make an empty attributes object only to free it.
-    return std::make_shared<const KLTEvent>(KLTEvent{type, std::move(identifier), std::move(additionalInfo)});
+    return std::make_shared<const KLTEvent>(KLTEvent{type, std::move(identifier), std::move(additionalInfo), {}});
   }
 };
 

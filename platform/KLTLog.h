@@ -60,6 +60,17 @@ class KLTLog {
   do {                                                                   \
     if (::KLTLog::enabled(level)) ::KLTLog::emit(level, (message), (method), __LINE__); \
   } while (0)
+// A log statement whose level, method and line number are given by a KLTLogSite: for lines whose
+// method and number are part of a component's log contract, wherever the statement itself stands.
+struct KLTLogSite {
+  KLTLogLevel level;
+  const char* method;
+  int line;
+};
+#define KLT_LOG_SITE(site, message)                                                        \
+  do {                                                                                     \
+    if (::KLTLog::enabled((site).level)) ::KLTLog::emit((site).level, (message), (site).method, (site).line); \
+  } while (0)
 #define KLT_LOG_DEBUG(method, message) KLT_LOG(::KLTLogLevel::Debug, method, message)
 #define KLT_LOG_INFO(method, message) KLT_LOG(::KLTLogLevel::Info, method, message)
 #define KLT_LOG_ERROR(method, message) KLT_LOG(::KLTLogLevel::Error, method, message)

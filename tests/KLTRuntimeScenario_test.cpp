@@ -346,7 +346,8 @@ TEST_F(RuntimeScenario, NegativeTimerIntervalNeverFires) {
   std::promise<std::shared_ptr<KLTCECondition>> built;
   std::atomic<bool> completed{false};
   std::thread armer([&] {
-    auto condition = KLTCECondition::create(timerCondition("activity_time", -5000), [&] { completed = true; });
+    auto condition = KLTCECondition::create(std::make_shared<const KLTCEConditionRule>(timerCondition("activity_time", -5000)),
+                                            [&] { completed = true; });
     built.set_value(condition);
   });
   ASSERT_TRUE(host.clock().waitForSleepers(1, std::chrono::seconds(10)));
