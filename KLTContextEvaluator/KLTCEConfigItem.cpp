@@ -19,7 +19,7 @@ std::shared_ptr<KLTCEConfigItem> KLTCEConfigItem::create(std::shared_ptr<const K
 std::shared_ptr<KLTCEConfigItem> KLTCEConfigItem::create(const KLTValue& config) {
   auto campaign = KLTCECampaign::compile(config);
   if (!campaign) {
-    KLT_LOG_SITE(KLTCELogSites::kConfigWithoutId, "Config without a text _id: no item built");
+    KLT_LOG_SITE_FIXED(KLTCELogSites::kConfigWithoutId, "Config without a text _id: no item built");
     return nullptr;
   }
   return create(std::move(campaign));
@@ -35,10 +35,19 @@ void KLTCEConfigItem::buildConditions() {
   KLTCEDecisions::itemBuilt(*this);
   if (campaign_->sequenceEnabled()) return loadItemAtPosition(0);
   auto self = shared_from_this();
+  const auto& rules = campaign_->conditions();
+  satisfied_.assign(rules.size(), 0);
+  combine_.reserve(rules.size());
+  for (const KLTCEConditionRule& rule : rules) combine_.push_back(rule.combine);
   // An "app_start" timer can complete inside create(); the fold then sees only the conditions appended so far.
-  for (std::size_t i = 0; i < campaign_->conditions().size(); ++i) {
-    _conditions.push_back(makeCondition(i, [self] { self->checkAllConditions(); }));
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    _conditions.push_back(makeCondition(i, [self, i] { self->conditionCompleted(i); }));
   }
+}
+
+void KLTCEConfigItem::conditionCompleted(std::size_t position) {
+  satisfied_[position] = 1;
+  checkAllConditions();
 }
 
 void KLTCEConfigItem::loadItemAtPosition(std::size_t position) {
@@ -48,35 +57,33 @@ void KLTCEConfigItem::loadItemAtPosition(std::size_t position) {
     return;
   }
   if (_timeLimits && !_timeLimits->currentTimeBetweenLimits()) {
-    KLT_LOG_SITE(KLTCELogSites::kSequenceOutsideLimits, "Current time outside limits");
+    KLT_LOG_SITE_FIXED(KLTCELogSites::kSequenceOutsideLimits, "Current time outside limits");
     return KLTCEDecisions::windowClosed(*this);
   }
-  KLT_LOG_SITE(KLTCELogSites::kSequenceSatisfied, "*** Sequence Message conditions Satisfied ***");
+  KLT_LOG_SITE_FIXED(KLTCELogSites::kSequenceSatisfied, "*** Sequence Message conditions Satisfied ***");
   // A sequence campaign is dispatched without the cap check.
   dispatchEventWithType(campaign_->displayKind());
 }
 
 void KLTCEConfigItem::checkAllConditions() {
   if (_conditions.empty()) return;
-  bool result = _conditions.front()->satisfied();
+  bool result = satisfied_[0] != 0;
   // Strict left-to-right fold: no precedence, no short-circuit, every condition visited.
-  for (std::size_t i = 1; i < _conditions.size(); ++i) {
-    result = KLTCECombineFlags(result, _conditions[i]->satisfied(), _conditions[i]->combine());
-  }
+  for (std::size_t i = 1; i < _conditions.size(); ++i) result = KLTCECombineFlags(result, satisfied_[i] != 0, combine_[i]);
   if (!KLTCEDecisions::foldEvaluated(*this, result)) return;
   if (_timeLimits && !_timeLimits->currentTimeBetweenLimits()) {
-    KLT_LOG_SITE(KLTCELogSites::kOutsideLimits, "Current time outside limits");
+    KLT_LOG_SITE_FIXED(KLTCELogSites::kOutsideLimits, "Current time outside limits");
     return KLTCEDecisions::windowClosed(*this);
   }
   if (!checkCountAndValidity()) return;
-  KLT_LOG_SITE(KLTCELogSites::kSatisfied, "*** Message conditions Satisfied ***");
+  KLT_LOG_SITE_FIXED(KLTCELogSites::kSatisfied, "*** Message conditions Satisfied ***");
   dispatchEventWithType(campaign_->displayKind());
 }
 
 bool KLTCEConfigItem::checkCountAndValidity() {
-  const bool allowed = _frequency->checkValidityAndCountForIdentifier(identifier());
+  const bool allowed = _frequency->checkValidityAndCountForIdentifier(_frequency->identifier());
   if (allowed) return true;
-  KLT_LOG_SITE(KLTCELogSites::kCountLimitExceeded, "Action count limit exceeded");
+  KLT_LOG_SITE_FIXED(KLTCELogSites::kCountLimitExceeded, "Action count limit exceeded");
   KLTCEDecisions::capBlocked(*this);
   return false;
 }

@@ -67,6 +67,7 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
 
  private:
   void buildConditions();
+  void conditionCompleted(std::size_t position);
   void loadItemAtPosition(std::size_t position);
   std::shared_ptr<KLTCECondition> makeCondition(std::size_t position, std::function<void()> completion);
 
@@ -74,6 +75,10 @@ class KLTCEConfigItem final : public std::enable_shared_from_this<KLTCEConfigIte
   std::unique_ptr<KLTCEFrequency> _frequency;
   std::unique_ptr<KLTCETimeLimits> _timeLimits;
   std::vector<std::shared_ptr<KLTCECondition>> _conditions;
+  // Combined mode, beside _conditions for the fold, which runs at every completion: whether each
+  // condition is satisfied (set when it completes, as its own flag is) and its combine word.
+  std::vector<uint8_t> satisfied_;
+  std::vector<KLTCECombine> combine_;
   // Sequence mode: every condition built so far. Nothing reads them here; holding them keeps a
   // condition that never registered with the host (a timer) reachable for the life of the item.
   std::vector<std::shared_ptr<KLTCECondition>> sequenceConditions;

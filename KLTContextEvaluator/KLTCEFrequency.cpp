@@ -55,7 +55,7 @@ void setOrRemove(KLTValue& record, const char* key, const KLTValue& value) {
 
 }  // namespace
 
-KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifier) {
+KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifier) : _identifier(identifier) {
   // A shared copy of the stored map: O(1), whatever the number of records.
   const auto store = KLTUserDefaults::standardUserDefaults();
   if (auto stored = store->sharedDictionaryForKey(kKLTFrequencyStoreKey)) {
@@ -91,7 +91,7 @@ bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& ident
   // A check runs at every completion of a condition, an update only at a showing: the numbers of
   // the record are read once per change of the map, not at every check (setRecord() drops them
   // whenever this object changes its map).
-  if (!_checked || _checked->identifier != identifier) _checked = CheckedRecord::of(identifier, storedRecord(identifier));
+  if (const bool own = &identifier == &_identifier; !_checked || !(own ? _checked->own : _checked->identifier == identifier)) _checked = CheckedRecord::of(identifier, storedRecord(identifier), own);
   const CheckedRecord& r = *_checked;
   if (r.session) return r.count < r.limit;
   if (r.count >= r.limit) return false;
@@ -186,7 +186,7 @@ bool KLTCETimeLimits::currentTimeBetweenLimits() const {
   return inside;
 }
 
-KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record) {
+KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::string& identifier, const KLTValue& record, bool own) {
   const auto number = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
   return CheckedRecord{identifier,
                        isSessionMode(klt::valueForKey(record, kKLTValidity)),
@@ -195,5 +195,6 @@ KLTCEFrequency::CheckedRecord KLTCEFrequency::CheckedRecord::of(const std::strin
                        number(kKLTDayLimit),
                        number(kKLTDayCount),
                        number(kKLTSessionCount),
-                       number(kKLTSessionLimit)};
+                       number(kKLTSessionLimit),
+                       own};
 }

@@ -42,6 +42,10 @@ class KLTCEFrequency {
   // on success, "Couldn't save enable SDK state" (ERROR) on failure.
   void updateFrequencyForIdentifier(const std::string& identifier);
 
+  // The identifier this object was built for. Checking it by this very reference skips comparing
+  // the text (the item asks at every completion of a condition).
+  const std::string& identifier() const { return _identifier; }
+
   // This object's copy of the whole map, as a dictionary (built on each call: O(n)).
   KLTValue frequencyConfig() const { return _frequencyConfig.toDictionary(); }
   // This object's view of the record of identifier (null when it has none); a hash lookup, no copy.
@@ -63,9 +67,11 @@ class KLTCEFrequency {
     std::string identifier;
     bool session = false;
     int32_t count = 0, limit = 0, dayLimit = 0, dayCount = 0, sessionCount = 0, sessionLimit = 0;
-    static CheckedRecord of(const std::string& identifier, const KLTValue& record);
+    bool own = false;  // asked for through identifier()
+    static CheckedRecord of(const std::string& identifier, const KLTValue& record, bool own);
   };
 
+  std::string _identifier;
   KLTSharedMap _frequencyConfig;  // identifier -> record
   mutable std::optional<CheckedRecord> _checked;
 };

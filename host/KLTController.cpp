@@ -111,7 +111,7 @@ std::size_t KLTController::deliverEvent(const std::shared_ptr<const KLTEvent>& e
   return deliveries;
 }
 
-int64_t KLTController::currentSDKTimeInMillis() const { return KLTClock::epochMillis(KLTClock::current()->now()); }
+int64_t KLTController::currentSDKTimeInMillis() const { return KLTClock::epochMillis(KLTClock::currentNow()); }
 
 void KLTController::dispatchEvent(std::shared_ptr<KLTDisplayEvent> event) {
   std::shared_ptr<DispatchHandler> handler;

@@ -98,9 +98,11 @@ KLTLocalTime KLTTimeZone::localTimeAt(KLTTimePoint t) const {
   return KLTLocalTime{static_cast<int>(total / 60), static_cast<int>(total % 60)};
 }
 
-std::shared_ptr<KLTClock> KLTClock::current() {
-  // Every engine step reads the clock: one atomic load on the common path instead of a lock
-  // shared by every thread of the process.
+namespace {
+
+// The process-wide clock as this thread last read it. Every engine step reads the clock: one
+// atomic load on the common path instead of a lock shared by every thread of the process.
+const std::shared_ptr<KLTClock>& cachedClock() {
   thread_local CachedClock cached;
   if (cached.generation != clockGeneration.load(std::memory_order_acquire)) {
     std::lock_guard lock(clockMutex());
@@ -109,6 +111,12 @@ std::shared_ptr<KLTClock> KLTClock::current() {
   }
   return cached.clock;
 }
+
+}  // namespace
+
+std::shared_ptr<KLTClock> KLTClock::current() { return cachedClock(); }
+
+KLTTimePoint KLTClock::currentNow() { return cachedClock()->now(); }
 
 std::shared_ptr<KLTClock> KLTClock::setCurrent(std::shared_ptr<KLTClock> clock) {
   if (!clock) clock = std::make_shared<KLTRealClock>();

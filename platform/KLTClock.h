@@ -73,6 +73,9 @@ class KLTClock {
   // The process-wide clock (a real clock unless replaced). A thread that read the previous clock
   // holds it until its next read after a replacement.
   static std::shared_ptr<KLTClock> current();
+  // current()->now(), without taking a reference to the clock (the engine reads it at every
+  // completed count).
+  static KLTTimePoint currentNow();
   // Replaces the process-wide clock; nullptr restores a real clock. Returns the previous one.
   static std::shared_ptr<KLTClock> setCurrent(std::shared_ptr<KLTClock> clock);
 

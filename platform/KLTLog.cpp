@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <charconv>
 #include <mutex>
 
@@ -51,8 +52,11 @@ std::shared_ptr<KLTLogSink> KLTLog::setSink(std::shared_ptr<KLTLogSink> sink) {
   return sink;
 }
 
-std::shared_ptr<KLTLogSink> KLTLog::sink() {
-  // Read at every log line: one atomic load on the common path rather than a process-wide lock.
+namespace {
+
+// The present sink as this thread last read it. Read at every log line: one atomic load on the
+// common path rather than a process-wide lock, and no count of references taken.
+const std::shared_ptr<KLTLogSink>& cachedSink() {
   thread_local CachedSink cached;
   if (cached.generation != sinkGeneration.load(std::memory_order_acquire)) {
     std::lock_guard lock(sinkMutex());
@@ -61,6 +65,10 @@ std::shared_ptr<KLTLogSink> KLTLog::sink() {
   }
   return cached.sink;
 }
+
+}  // namespace
+
+std::shared_ptr<KLTLogSink> KLTLog::sink() { return cachedSink(); }
 
 bool KLTLog::enabled(KLTLogLevel level) {
   const auto gate = static_cast<unsigned long>(LOG_LEVEL.load(std::memory_order_relaxed));
@@ -90,23 +98,40 @@ std::string KLTLog::format(KLTLogLevel level, std::string_view message, std::str
 
 void KLTLog::appendLine(std::string& out, KLTLogLevel level, std::string_view message, std::string_view method,
                         int line) {
+  std::string_view tag;
   switch (level) {
     case KLTLogLevel::Debug:
-      out.append("<KLT DEBUG> ");
+      tag = "<KLT DEBUG> ";
       break;
     case KLTLogLevel::Info:
-      out.append("<KLT INFO> ");
+      tag = "<KLT INFO> ";
       break;
     case KLTLogLevel::Error:
-      out.append("<KLT ERROR> ");
+      tag = "<KLT ERROR> ";
       break;
   }
   char digits[16];
-  const auto end = std::to_chars(digits, digits + sizeof digits, line).ptr;
-  out.append(message).append(" ").append(method).append(":").append(digits, end).append("\n");
+  const std::string_view number(digits, static_cast<std::size_t>(std::to_chars(digits, digits + sizeof digits, line).ptr - digits));
+  // One growth and one copy per piece: a replay writes millions of these lines.
+  const std::size_t at = out.size();
+  out.resize(at + tag.size() + message.size() + method.size() + number.size() + 3);
+  char* p = out.data() + at;
+  const auto put = [&p](std::string_view piece) {
+    std::memcpy(p, piece.data(), piece.size());
+    p += piece.size();
+  };
+  put(tag);
+  put(message);
+  *p++ = ' ';
+  put(method);
+  *p++ = ':';
+  put(number);
+  *p = '\n';
 }
 
 void KLTLog::emit(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
   if (!enabled(level)) return;
-  sink()->writeLine(level, message, method, line);
+  cachedSink()->writeLine(level, message, method, line);
 }
+
+void KLTLog::emitFormatted(std::string_view line) { cachedSink()->write(line); }

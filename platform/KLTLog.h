@@ -53,6 +53,8 @@ class KLTLog {
                          int line);
   // Formats and writes one line if its level passes the gate.
   static void emit(KLTLogLevel level, std::string_view message, std::string_view method, int line);
+  // Writes one line already formatted (format()) to the present sink; the caller gates it.
+  static void emitFormatted(std::string_view line);
 };
 
 // Log statements: the message expression is evaluated only when the level passes.
@@ -70,6 +72,15 @@ struct KLTLogSite {
 #define KLT_LOG_SITE(site, message)                                                        \
   do {                                                                                     \
     if (::KLTLog::enabled((site).level)) ::KLTLog::emit((site).level, (message), (site).method, (site).line); \
+  } while (0)
+// The same for a message that never changes (a string literal): the whole line is formatted once,
+// at the statement's first pass, and handed to the sink as it stands (KLTLogSink::write()).
+#define KLT_LOG_SITE_FIXED(site, message)                                                             \
+  do {                                                                                                \
+    if (::KLTLog::enabled((site).level)) {                                                            \
+      static const std::string kKLTLogLine = ::KLTLog::format((site).level, message, (site).method, (site).line); \
+      ::KLTLog::emitFormatted(kKLTLogLine);                                                           \
+    }                                                                                                 \
   } while (0)
 #define KLT_LOG_DEBUG(method, message) KLT_LOG(::KLTLogLevel::Debug, method, message)
 #define KLT_LOG_INFO(method, message) KLT_LOG(::KLTLogLevel::Info, method, message)
