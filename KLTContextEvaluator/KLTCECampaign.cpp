@@ -5,6 +5,7 @@
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "host/KLTEvent.h"
+#include "platform/KLTClock.h"
 
 namespace {
 
@@ -45,8 +46,9 @@ KLTCETriggerRule::KLTCETriggerRule(const KLTValue& data)
   if (kind == KLTCEEventKind::AppEvent || kind == KLTCEEventKind::ActivityEvent) listener = listenerFor(kind, activity, details);
 }
 
-KLTCEConditionRule::KLTCEConditionRule(const KLTValue& data)
-    : kind(KLTCEEventKindOf(klt::valueForKey(data, kKLTEventType))),
+KLTCEConditionRule::KLTCEConditionRule(const KLTValue& data, std::size_t index)
+    : position(index),
+      kind(KLTCEEventKindOf(klt::valueForKey(data, kKLTEventType))),
       eventType(klt::valueForKey(data, kKLTEventType)),
       activity(klt::valueForKey(data, kKLTActivity)),
       details(klt::valueForKey(data, kKLTDetails)),
@@ -63,6 +65,10 @@ KLTCEConditionRule::KLTCEConditionRule(const KLTValue& data)
       trigger(klt::valueForKey(data, kKLTTrigger)) {
   const KLTValue& name = kind == KLTCEEventKind::ActivityEvent ? activity : details.name();
   routedNameMatches = listener.code != 0 && name.is_string();
+}
+
+bool KLTCEConditionRule::timerNeverEnds(KLTTimePoint now) const {
+  return timerNegative() || KLTClock::addSaturating(now, static_cast<double>(timerSeconds)) == KLTTimePoint::max();
 }
 
 std::shared_ptr<const KLTCECampaign> KLTCECampaign::compile(const KLTValue& config) {
@@ -92,7 +98,7 @@ std::shared_ptr<const KLTCECampaign> KLTCECampaign::compile(const KLTValue& conf
       std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return keys[a] < keys[b]; });
     }
     c->_conditions.reserve(conditions.size());
-    for (const std::size_t i : order) c->_conditions.emplace_back(conditions[i]);
+    for (const std::size_t i : order) c->_conditions.emplace_back(conditions[i], i);
   }
   return c;
 }

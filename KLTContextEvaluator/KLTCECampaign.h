@@ -87,7 +87,8 @@ struct KLTCETriggerRule {
 
 // A condition as compiled.
 struct KLTCEConditionRule {
-  explicit KLTCEConditionRule(const KLTValue& data);
+  explicit KLTCEConditionRule(const KLTValue& data, std::size_t position = 0);
+  std::size_t position;  // in the configuration's `conditions`
   KLTCEEventKind kind;
   KLTValue eventType;  // as written
   KLTValue activity;   // as written
@@ -102,6 +103,10 @@ struct KLTCEConditionRule {
   // whole seconds taken as unsigned (a negative time becomes an interval that never ends).
   KLTValue time;
   uint64_t timerSeconds = 0;
+  // Whether the timer, started at `now`, never ends: a negative time, or one whose end lies beyond
+  // the last instant the clock can hold. Such a timer holds the engine's queue for good.
+  bool timerNegative() const { return klt::integerValue(time) / 1000 < 0; }
+  bool timerNeverEnds(KLTTimePoint now) const;
   // app_event, client_event, activity_event: the registration; routedNameMatches is whether every
   // event the host routes to that key bears the rule's name (false when the name is not text: the
   // key then holds its text form, which no name of the rule equals as text).

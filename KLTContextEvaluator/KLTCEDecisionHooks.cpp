@@ -316,10 +316,9 @@ void windowClosed(const KLTCEConfigItem& item) {
 
 void capBlocked(const KLTCEConfigItem& item) {
   if (deliveredBare(KLTCEDecisionKind::CapBlocked, item.identifier(), -1)) return;
-  // Which test of the cap check refused, read from the same in-memory record in the same order.
+  // Which limit of the cap check refused, and the numbers it compared from the same record.
   const KLTValue& record = item.frequency().storedRecord(item.identifier());
   const auto read = [&](const char* key) { return klt::int32Value(klt::valueForKey(record, key)); };
-  constexpr int32_t kNoLimit = 2147483647;
   const KLTValue& validity = klt::valueForKey(record, kKLTValidity);
   // Two shapes: without and with the next day period.
   thread_local ReusedValues plain{"validity", "counter", "value", "limit_key", "limit"};
@@ -334,18 +333,22 @@ void capBlocked(const KLTCEConfigItem& item) {
     return values;
   };
   ReusedValues* values = nullptr;
-  if (klt::isText(validity, "SESSION") || read(kKLTCount) >= read(kKLTLimit)) {
-    values = &blame(plain, kKLTCount, kKLTLimit);
-  } else if (read(kKLTDayLimit) != kNoLimit) {
-    // A new day period opens at the first parse or counted display more than 24 whole hours after `day`.
-    if (const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay))) {
-      values = &blame(withNext, kKLTDayCount, kKLTDayLimit);
-      (*values)[5] = KLTClock::epochMillis(*day + std::chrono::hours(25));
-    } else {
-      values = &blame(plain, kKLTDayCount, kKLTDayLimit);
-    }
-  } else {
-    values = &blame(plain, kKLTSessionCount, kKLTSessionLimit);
+  switch (item.frequency().blockingLimitForIdentifier(item.frequency().identifier())) {
+    case KLTCEFrequency::Limit::DayCount:
+      // A new day period opens at the first parse or counted display more than 24 whole hours after `day`.
+      if (const auto day = klt::dateValue(klt::valueForKey(record, kKLTDay))) {
+        values = &blame(withNext, kKLTDayCount, kKLTDayLimit);
+        (*values)[5] = KLTClock::epochMillis(*day + std::chrono::hours(25));
+      } else {
+        values = &blame(plain, kKLTDayCount, kKLTDayLimit);
+      }
+      break;
+    case KLTCEFrequency::Limit::SessionCount:
+      values = &blame(plain, kKLTSessionCount, kKLTSessionLimit);
+      break;
+    default:  // the count, or (never, for a refused showing) none
+      values = &blame(plain, kKLTCount, kKLTLimit);
+      break;
   }
   values->deliver(KLTCEDecisionKind::CapBlocked, item.identifier(), -1);
 }

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCELogSites.h"
 #include "platform/KLTClock.h"
 #include "platform/KLTLog.h"
 #include "platform/KLTUserDefaults.h"
@@ -13,7 +14,6 @@ namespace {
 
 constexpr const char* kInitMethod = "-[KLTCEFrequency initWithData:withIdentifier:]";
 constexpr const char* kUpdateMethod = "-[KLTCEFrequency updateFrequencyForIdentifier:]";
-constexpr const char* kTimeLimitsMethod = "-[KLTCETimeLimits currentTimeBetweenLimits]";
 
 // The largest 32-bit signed integer stands for "no limit" in the stored records.
 constexpr int32_t kNoLimit = std::numeric_limits<int32_t>::max();
@@ -61,7 +61,7 @@ KLTCEFrequency::KLTCEFrequency(const KLTValue& data, const std::string& identifi
   if (auto stored = store->sharedDictionaryForKey(kKLTFrequencyStoreKey)) {
     _frequencyConfig = std::move(*stored);
   } else if (!store->objectForKey(kKLTFrequencyStoreKey).is_null()) {
-    KLT_LOG_ERROR(kInitMethod, "Stored frequency counters are not a dictionary; starting from an empty map");
+    KLT_LOG_SITE(KLTCELogSites::kCountersNotADictionary, "Stored frequency counters are not a dictionary; starting from an empty map");
   }
 
   KLTValue record = recordForIdentifier(identifier, kInitMethod);
@@ -92,13 +92,20 @@ bool KLTCEFrequency::checkValidityAndCountForIdentifier(const std::string& ident
   // the record are read once per change of the map, not at every check (setRecord() drops them
   // whenever this object changes its map).
   if (const bool own = &identifier == &_identifier; !_checked || !(own ? _checked->own : _checked->identifier == identifier)) _checked = CheckedRecord::of(identifier, storedRecord(identifier), own);
-  const CheckedRecord& r = *_checked;
-  if (r.session) return r.count < r.limit;
-  if (r.count >= r.limit) return false;
+  return limitOf(*_checked) == Limit::None;
+}
+
+KLTCEFrequency::Limit KLTCEFrequency::blockingLimitForIdentifier(const std::string& identifier) const {
+  return checkValidityAndCountForIdentifier(identifier) ? Limit::None : limitOf(*_checked);
+}
+
+KLTCEFrequency::Limit KLTCEFrequency::limitOf(const CheckedRecord& r) {
+  if (r.session) return r.count < r.limit ? Limit::None : Limit::Count;
+  if (r.count >= r.limit) return Limit::Count;
   // Only one secondary limit applies: a set day limit hides the session limit. The age of `day`
   // is deliberately not looked at here; only a construction or an update opens a new period.
-  if (r.dayLimit != kNoLimit) return r.dayCount < r.dayLimit;
-  return r.sessionCount < r.sessionLimit;
+  if (r.dayLimit != kNoLimit) return r.dayCount < r.dayLimit ? Limit::None : Limit::DayCount;
+  return r.sessionCount < r.sessionLimit ? Limit::None : Limit::SessionCount;
 }
 
 void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier) {
@@ -123,7 +130,7 @@ void KLTCEFrequency::updateFrequencyForIdentifier(const std::string& identifier)
   record[kKLTCount] = count == std::numeric_limits<int64_t>::max() ? count : count + 1;
 
   setRecord(identifier, std::move(record));
-  if (save(kUpdateMethod)) KLT_LOG_DEBUG(kUpdateMethod, "Updated count for identifier: " + identifier);
+  if (save(kUpdateMethod)) KLT_LOG_SITE(KLTCELogSites::kUpdatedCount, "Updated count for identifier: " + identifier);
 }
 
 const KLTValue& KLTCEFrequency::storedRecord(const std::string& identifier) const {
@@ -136,7 +143,8 @@ KLTValue KLTCEFrequency::recordForIdentifier(const std::string& identifier, cons
   const KLTValue& stored = storedRecord(identifier);
   if (klt::isDictionary(stored)) return stored;
   if (!stored.is_null()) {
-    KLT_LOG_ERROR(method, "Stored frequency record for identifier " + identifier + " is not a dictionary; starting it afresh");
+    KLT_LOG_AT(KLTLogLevel::Error, method, KLTCELogSites::kRecordNotADictionaryLine,
+               "Stored frequency record for identifier " + identifier + " is not a dictionary; starting it afresh");
   }
   return KLTValue::object();
 }
@@ -147,13 +155,19 @@ bool KLTCEFrequency::save(const char* method) const {
   const auto store = KLTUserDefaults::standardUserDefaults();
   store->setSharedDictionary(_frequencyConfig, kKLTFrequencyStoreKey);
   if (store->synchronize()) return true;
-  KLT_LOG_ERROR(method, "Couldn't save enable SDK state");
+  KLT_LOG_AT(KLTLogLevel::Error, method, KLTCELogSites::kCouldNotSaveLine, "Couldn't save enable SDK state");
   return false;
 }
 
 KLTCETimeLimits::KLTCETimeLimits(const KLTValue& startTime, const KLTValue& endTime) {
   parseTime(startTime, _startTimeHour, _startTimeMin);
   parseTime(endTime, _endTimeHour, _endTimeMin);
+}
+
+std::pair<int64_t, int64_t> KLTCETimeLimits::readTimeOfDay(const KLTValue& text) {
+  std::pair<int64_t, int64_t> time{0, 0};
+  parseTime(text, time.first, time.second);
+  return time;
 }
 
 void KLTCETimeLimits::parseTime(const KLTValue& text, int64_t& hour, int64_t& minute) {
@@ -182,7 +196,7 @@ bool KLTCETimeLimits::currentTimeBetweenLimits() const {
   const bool started = _startTimeHour < h || (_startTimeHour == h && _startTimeMin <= m);
   const bool ended = _endTimeHour < h || (_endTimeHour == h && _endTimeMin <= m);
   const bool inside = started && !ended;
-  if (!inside) KLT_LOG_DEBUG(kTimeLimitsMethod, "Doesn't fall in between given time limits");
+  if (!inside) KLT_LOG_SITE_FIXED(KLTCELogSites::kOutsideTimeLimits, "Doesn't fall in between given time limits");
   return inside;
 }
 

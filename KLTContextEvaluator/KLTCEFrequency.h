@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/KLTSharedMap.h"
 #include "platform/KLTValue.h"
@@ -37,6 +38,11 @@ class KLTCEFrequency {
   // Whether the campaign may be shown once more; reads the in-memory copy only and changes
   // nothing (in particular it never opens a new day period). False for an unknown identifier.
   bool checkValidityAndCountForIdentifier(const std::string& identifier) const;
+  // Which limit refuses one more showing, in the order the check reads them: in session mode only
+  // `count` against `limit`; otherwise that first, then one secondary limit (`day_count` against
+  // `day_lmt` when a day limit is set, else `session_count` against `ses_lmt`). None: allowed.
+  enum class Limit { None, Count, DayCount, SessionCount };
+  Limit blockingLimitForIdentifier(const std::string& identifier) const;
   // Counts one showing (`count`, and in lifetime mode `day_count` when a day limit is set, else
   // `session_count`) and saves the whole map. Logs "Updated count for identifier: <id>" (DEBUG)
   // on success, "Couldn't save enable SDK state" (ERROR) on failure.
@@ -70,6 +76,7 @@ class KLTCEFrequency {
     bool own = false;  // asked for through identifier()
     static CheckedRecord of(const std::string& identifier, const KLTValue& record, bool own);
   };
+  static Limit limitOf(const CheckedRecord& record);
 
   std::string _identifier;
   KLTSharedMap _frequencyConfig;  // identifier -> record
@@ -83,6 +90,9 @@ class KLTCETimeLimits {
   // the first other character; none gives 0), so "9:5" is 09:05 and "7am:x" 07:00. A non-text or a
   // text without ":" gives 00:00. No range is enforced (25:75 is kept as it stands).
   KLTCETimeLimits(const KLTValue& startTime, const KLTValue& endTime);
+
+  // The engine's reading of one "HH:MM" text (as above): hour and minute, 00:00 when unreadable.
+  static std::pair<int64_t, int64_t> readTimeOfDay(const KLTValue& text);
 
   // Whether the present local time of KLTClock::current() lies in [start, end), comparing
   // (hour, minute) pairs; seconds are ignored and the window never wraps over midnight. Each

@@ -16,4 +16,11 @@ inline constexpr KLTLogSite kOutsideLimits{KLTLogLevel::Debug, "-[KLTCEConfigIte
 inline constexpr KLTLogSite kSatisfied{KLTLogLevel::Debug, "-[KLTCEConfigItem checkAllConditions]", 98};
 inline constexpr KLTLogSite kCountLimitExceeded{KLTLogLevel::Info, "-[KLTCEConfigItem checkCountAndValidity]", 104};
 
+inline constexpr KLTLogSite kCountersNotADictionary{KLTLogLevel::Error, "-[KLTCEFrequency initWithData:withIdentifier:]", 64};
+inline constexpr KLTLogSite kUpdatedCount{KLTLogLevel::Debug, "-[KLTCEFrequency updateFrequencyForIdentifier:]", 126};
+inline constexpr KLTLogSite kOutsideTimeLimits{KLTLogLevel::Debug, "-[KLTCETimeLimits currentTimeBetweenLimits]", 185};
+// Lines whose method is that of the frequency operation that met the fault.
+inline constexpr int kRecordNotADictionaryLine = 139;
+inline constexpr int kCouldNotSaveLine = 150;
+
 }  // namespace KLTCELogSites

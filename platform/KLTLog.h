@@ -73,6 +73,11 @@ struct KLTLogSite {
   do {                                                                                     \
     if (::KLTLog::enabled((site).level)) ::KLTLog::emit((site).level, (message), (site).method, (site).line); \
   } while (0)
+// A log statement whose line number is given (a contract's), with the method named by the caller.
+#define KLT_LOG_AT(level, method, line, message)                                 \
+  do {                                                                           \
+    if (::KLTLog::enabled(level)) ::KLTLog::emit(level, (message), (method), (line)); \
+  } while (0)
 // The same for a message that never changes (a string literal): the whole line is formatted once,
 // at the statement's first pass, and handed to the sink as it stands (KLTLogSink::write()).
 #define KLT_LOG_SITE_FIXED(site, message)                                                             \

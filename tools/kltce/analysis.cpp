@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
+#include "KLTContextEvaluator/KLTCEFrequency.h"
 #include "host/KLTUtilities.h"
 #include "tools/kltce/schema_check.h"
 
@@ -42,16 +43,8 @@ std::optional<int64_t> epochMillis(const KLTValue& date) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(t->time_since_epoch()).count();
 }
 
-// The engine's reading of "HH:MM": two pieces around the first ':', each a C integer parse;
-// anything else reads 00:00.
-std::pair<int64_t, int64_t> readClock(const KLTValue& v) {
-  const std::string* s = klt::stringPtr(v);
-  if (!s) return {0, 0};
-  const auto colon = s->find(':');
-  if (colon == std::string::npos) return {0, 0};
-  const auto rest = std::string_view(*s).substr(colon + 1);
-  return {klt::parseInteger(std::string_view(*s).substr(0, colon)), klt::parseInteger(rest.substr(0, rest.find(':')))};
-}
+// The engine's reading of "HH:MM" (anything unreadable reads 00:00).
+std::pair<int64_t, int64_t> readClock(const KLTValue& v) { return KLTCETimeLimits::readTimeOfDay(v); }
 
 // "HH:MM" on the 24-hour clock, or "24:00".
 bool isClockText(const KLTValue& v) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "KLTContextEvaluator/KLTCECampaign.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "host/KLTController.h"
@@ -311,19 +313,19 @@ class Replay {
       const KLTValue& configs = klt::valueForKey(*document, kKLTConfigs);
       if (!configs.is_array()) continue;
       for (const auto& config : configs) {
-        const KLTValue& conditions = klt::valueForKey(config, kKLTConditions);
-        if (!conditions.is_array()) continue;
-        for (std::size_t i = 0; i < conditions.size(); ++i) {
-          const KLTValue& type = klt::valueForKey(conditions[i], kKLTEventType);
-          if (!klt::isText(type, kKLTIdleTime) && !klt::isText(type, kKLTActivityTime)) continue;
-          const KLTValue& info = klt::valueForKey(klt::valueForKey(conditions[i], kKLTDetails), kKLTAdditionalInfo);
-          const int64_t millis = klt::integerValue(klt::valueForKey(info, kKLTTime));
-          const bool negative = millis / 1000 < 0;
-          const auto seconds = static_cast<double>(static_cast<uint64_t>(millis / 1000));
-          if (!negative && KLTClock::addSaturating(now, seconds) != KLTTimePoint::max()) continue;
-          const KLTValue& id = klt::valueForKey(config, kKLTConfigId);
-          found.push_back({id.is_string() ? id.get<std::string>() : std::string("(no _id)"),
-                           "conditions[" + std::to_string(i) + "].details.additional_info.time", millis, negative});
+        const auto campaign = KLTCECampaign::compile(config);
+        if (!campaign) continue;
+        // In document order, which sequence mode's order of use need not be.
+        std::vector<const KLTCEConditionRule*> rules;
+        for (const KLTCEConditionRule& rule : campaign->conditions()) rules.push_back(&rule);
+        std::sort(rules.begin(), rules.end(), [](const auto* a, const auto* b) { return a->position < b->position; });
+        for (const KLTCEConditionRule* r : rules) {
+          const KLTCEConditionRule& rule = *r;
+          if (rule.kind != KLTCEEventKind::IdleTime && rule.kind != KLTCEEventKind::ActivityTime) continue;
+          if (!rule.timerNeverEnds(now)) continue;
+          found.push_back({campaign->identifier(),
+                           "conditions[" + std::to_string(rule.position) + "].details.additional_info.time",
+                           klt::integerValue(rule.time), rule.timerNegative()});
         }
       }
     }
