@@ -8,6 +8,7 @@
 #include "tools/kltce/document_diff.h"
 #include "tools/kltce/fleet.h"
 #include "tools/kltce/json_text.h"
+#include "tools/kltce/replay.h"
 
 namespace {
 
@@ -52,16 +53,15 @@ struct Replayed {
 };
 
 // compareWith: the old document of a comparison (none: a plain run); shard and pieces as in
-// kltce_fleet_test.cpp.
+// kltce_fleet_test.cpp; text: the fleet file.
 Replayed replay(const KLTValue& doc, const std::optional<KLTValue>& compareWith, kltce::FleetPart shard = {},
-           std::size_t pieces = 0) {
+                std::size_t pieces = 0, const std::string& text = fleet()) {
   kltce::FleetOptions options;
   options.document = doc;
   options.compareWith = compareWith;
   options.shard = shard;
   std::ostringstream csv;
   options.csv = &csv;
-  const std::string text = fleet();
   std::istringstream in(text), probe(text);
   const kltce::FleetPieces cut{text.size(), pieces};
   std::size_t next = 0;
@@ -189,6 +189,26 @@ TEST(FleetCompare, ShardsAndPiecesMergeIntoTheWholeRun) {
   std::string error;
   EXPECT_FALSE(sum->merge(*replay(kOld, kOld).result.comparison, error));
   EXPECT_NE(std::string::npos, error.find("other documents"));
+}
+
+// A broken fleet stops a comparison at the line, with the error, a plain run names, and its CSV
+// holds the rows of the devices before it, however the file is cut.
+TEST(FleetCompare, AnErrorStopsItAsItStopsAPlainRun) {
+  const KLTValue raised = document({campaign("capped", 1, 2), campaign("thrice", 3, 5)});
+  const std::string whole = fleet();
+  const std::size_t cut = whole.find(R"({"device": "dev-12", "action")");
+  const std::string broken = whole.substr(0, cut) + R"({"device": "dev-5", "t": 1})" "\n" + whole.substr(cut);
+  const kltce::FleetResult plain = replay(raised, std::nullopt, {}, 0, broken).result;
+  ASSERT_EQ(kltce::kExitUsage, plain.exitCode);
+  const Replayed before = replay(raised, kOld, {}, 0, whole.substr(0, cut));
+  for (const std::size_t pieces : {std::size_t{0}, std::size_t{3}, std::size_t{40}}) {
+    SCOPED_TRACE(pieces);
+    const Replayed run = replay(raised, kOld, {}, pieces, broken);
+    EXPECT_EQ(plain.exitCode, run.result.exitCode);
+    EXPECT_EQ(plain.errorLine, run.result.errorLine);
+    EXPECT_EQ(plain.error, run.result.error);
+    EXPECT_EQ(before.csv, run.csv);
+  }
 }
 
 TEST(FleetCompare, MergeRefusesWhatIsNotAComparison) {

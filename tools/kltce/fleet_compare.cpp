@@ -163,7 +163,6 @@ FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet
   ScopedLogSink log(std::make_shared<DroppedLog>());
   // As runReplay() does: the engine on a queue this thread drains, chosen before its first use.
   KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue));
-  KLTContextEvaluator::sharedInstance();
 
   ReplayOptions before, after;
   before.document = std::make_shared<const KLTValue>(*options.compareWith);
@@ -208,9 +207,7 @@ FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet
     FleetReader reader(fleet);
     replayDevices(reader);
   }
-  while (options.nextRange) {
-    const auto range = options.nextRange();
-    if (!range) break;
+  while (const auto range = options.nextRange ? options.nextRange() : std::nullopt) {
     fleet.clear();
     if (!fleet.seekg(static_cast<std::streamoff>(range->begin))) {
       stop(kExitFailed, "reading the fleet failed", 0);
