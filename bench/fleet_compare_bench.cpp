@@ -4,10 +4,13 @@
 // - BM_Fleet_Plain: replayFleet() with the new document alone;
 // - BM_Fleet_Compare: replayFleet() with compareWith the old one (each device replayed twice);
 // - BM_FleetCompare_Ratio: the two in turn, plain then compare, in each iteration, reporting both
-//   times and compare / plain as counters: pairing keeps the ratio sound when the machine's speed
-//   drifts (other builds share its cores).
+//   times and compare / plain as counters, by the wall clock and by this thread's CPU time (the
+//   replay runs on this thread alone): pairing keeps the ratio sound when the machine's speed
+//   drifts, and CPU time when other processes share its cores.
 // Each case runs once per repetition; run with --benchmark_repetitions=5 for medians.
 #include <benchmark/benchmark.h>
+
+#include <time.h>
 
 #include <chrono>
 #include <filesystem>
@@ -49,12 +52,24 @@ kltce::FleetOptions options(bool compare) {
   return o;
 }
 
-// Seconds of one fleet run; false when it failed.
-bool timeFleet(const kltce::FleetOptions& o, const std::string& path, double& seconds) {
+double threadCpuSeconds() {
+  timespec t{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+struct Timed {
+  double wall = 0, cpu = 0;  // seconds
+};
+
+// One fleet run's times; false when it failed.
+bool timeFleet(const kltce::FleetOptions& o, const std::string& path, Timed& timed) {
   std::ifstream in(path);
   const auto begin = std::chrono::steady_clock::now();
+  const double cpuBegin = threadCpuSeconds();
   const kltce::FleetResult r = kltce::replayFleet(o, in);
-  seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  timed.cpu = threadCpuSeconds() - cpuBegin;
+  timed.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   return r.exitCode == 0 && r.summary.devices() == kDevices && r.comparison.has_value() == o.compareWith.has_value();
 }
 
@@ -62,8 +77,8 @@ void fleetRun(benchmark::State& state, bool compare) {
   const kltce::FleetOptions o = options(compare);
   const std::string path = fleetFile();
   for (auto _ : state) {
-    double seconds = 0;
-    if (!timeFleet(o, path, seconds)) state.SkipWithError("fleet failed");
+    Timed timed;
+    if (!timeFleet(o, path, timed)) state.SkipWithError("fleet failed");
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kDevices * kEvents));
 }
@@ -77,15 +92,16 @@ BENCHMARK(BM_Fleet_Compare)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRe
 void BM_FleetCompare_Ratio(benchmark::State& state) {
   const kltce::FleetOptions plain = options(false), compare = options(true);
   const std::string path = fleetFile();
-  double plainSeconds = 0, compareSeconds = 0;
+  Timed p, c;
   for (auto _ : state) {
-    if (!timeFleet(plain, path, plainSeconds) || !timeFleet(compare, path, compareSeconds)) {
-      state.SkipWithError("fleet failed");
-    }
+    if (!timeFleet(plain, path, p) || !timeFleet(compare, path, c)) state.SkipWithError("fleet failed");
   }
-  state.counters["plain_s"] = plainSeconds;
-  state.counters["compare_s"] = compareSeconds;
-  state.counters["ratio"] = plainSeconds > 0 ? compareSeconds / plainSeconds : 0;
+  state.counters["plain_s"] = p.wall;
+  state.counters["compare_s"] = c.wall;
+  state.counters["ratio"] = p.wall > 0 ? c.wall / p.wall : 0;
+  state.counters["plain_cpu_s"] = p.cpu;
+  state.counters["compare_cpu_s"] = c.cpu;
+  state.counters["cpu_ratio"] = p.cpu > 0 ? c.cpu / p.cpu : 0;
 }
 BENCHMARK(BM_FleetCompare_Ratio)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
