@@ -2,7 +2,7 @@
 #   cmake -DMODE=<mode> -DTOOL=<kltce> -DDOCUMENT=<json> -DFLEET=<jsonl> -DEXPECT=<summary.json>
 #         -DSCRATCH=<dir> [-DGENERATOR=<gen_fleet> -DGEN_ARGS=a|b] [-DMPI_RUN=a|b] [-DEXPECT_CSV=<csv>]
 #         [-DEXTRA=a|b] -P fleet_case.cmake
-# EXTRA: options added to every fleet run of the shards and mpi modes (--compare|old.json).
+# EXTRA: options added to every fleet run of the shards, mpi and csv modes (--compare|old.json).
 # per_device: the generator, run with GEN_ARGS, writes FLEET again and every 7th device alone; each
 #   of those, replayed by `kltce run --fresh --explain`, must give the fleet's CSV rows: the same
 #   "why not" text per campaign and the same number of displays.
@@ -12,6 +12,7 @@
 #   report the error one process reports, and write the rows of the same devices (the others'
 #   later pieces, when they reach them before the stop, must not count).
 # mpi: MPI_RUN (the launcher and kltce-fleet-mpi) must print EXPECT.
+# csv: one process must write EXPECT_CSV, three workers the same rows in another order, and print EXPECT.
 cmake_policy(SET CMP0007 NEW)  # a list keeps its empty elements
 string(REPLACE "|" ";" gen_args "${GEN_ARGS}")
 string(REPLACE "|" ";" mpi_run "${MPI_RUN}")
@@ -115,6 +116,20 @@ elseif(MODE STREQUAL "workers")
   file(READ ${EXPECT_CSV} expected_rows)
   if(NOT rows STREQUAL expected_rows)
     message(FATAL_ERROR "three workers' CSV differs from ${EXPECT_CSV}")
+  endif()
+elseif(MODE STREQUAL "csv")
+  foreach(workers 1 3)
+    run(${TOOL} fleet --document ${DOCUMENT} --fleet ${FLEET} --workers ${workers} --format json
+      --csv ${SCRATCH}/rows${workers}.csv ${extra})
+    file(READ ${SCRATCH}/rows${workers}.csv rows)
+    string(REPLACE ";" "<sc>" rows "${rows}")
+    string(REPLACE "\n" ";" rows${workers} "${rows}")
+    list(SORT rows${workers})
+  endforeach()
+  file(READ ${SCRATCH}/rows1.csv rows)
+  file(READ ${EXPECT_CSV} expected_rows)
+  if(NOT rows STREQUAL expected_rows OR NOT rows3 STREQUAL rows1)
+    message(FATAL_ERROR "the CSV of one process or of three workers differs from ${EXPECT_CSV}")
   endif()
 elseif(MODE STREQUAL "mpi")
   run(${mpi_run} --document ${DOCUMENT} --fleet ${FLEET} --format json ${extra})
