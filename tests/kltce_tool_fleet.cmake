@@ -45,6 +45,9 @@ kltce_e2e(fleet_compare_two_workers ARGS ${compare_args}|--workers|2|--format|js
 kltce_e2e(fleet_compare_table ARGS ${compare_args}|--workers|2 EXPECT_OUT ${kltce_data}/fleet_compare_table.txt)
 kltce_e2e(fleet_compare_merge_mixed ARGS fleet|merge|${fleet_dir}/compare.json|${fleet_dir}/summary.json
   EXPECT_RC 2 EXPECT_ERR "^kltce: fleet: merge: '[^']*summary.json': not a comparison")
+# A timer that never ends in the old document stops the comparison at the device that arms it.
+kltce_e2e(fleet_compare_blocked ARGS fleet|--document|${compare_old}|--compare|${kltce_data}/endless.json|--fleet|${kltce_data}/fleet_tap.jsonl
+  EXPECT_RC 3 EXPECT_ERR "^kltce: fleet: line 3: device 'b': the engine's queue is blocked for good; its replay says:\nkltce: line 1:")
 kltce_e2e(check_compare ARGS check|--document|${fleet_dir}/campaigns_v2.json|--compare|${compare_old}|--profile|${kltce_examples}/profile.json
   EXPECT_OUT_REGEX "^feedback_survey: removed from configs\\[1\\]; was admitted
 .*welcome_offer: edited; admitted as before
