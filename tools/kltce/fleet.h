@@ -95,7 +95,8 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet);
 
 // The CSV header of FleetOptions::csv's rows.
 inline constexpr const char* kFleetCsvHeader = "device,campaign,outcome,reason,displays,first_display_ms,text";
-// The CSV header of a comparison's rows (FleetOptions::compareWith), and the header of the options' rows.
+// The CSV header of a comparison's rows (FleetOptions::compareWith); fleetCsvHeader(): the header
+// of the rows these options make.
 inline constexpr const char* kFleetCompareCsvHeader =
     "device,campaign,old_outcome,new_outcome,old_reason,new_reason,old_displays,new_displays,old_text,new_text";
 inline const char* fleetCsvHeader(const FleetOptions& options) {

@@ -33,8 +33,8 @@ bool prepareComparison(const std::string& path, FleetOptions& options, std::ostr
 int finishComparison(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
                      std::ostream& err);
 
-// Whether `kltce fleet merge` is given comparisons (its first file is one, or cannot be read:
-// the plain merge then names the problem).
+// Whether `kltce fleet merge` is given comparisons: its first file is one (false when that file
+// cannot be read: the plain merge then names the problem).
 bool mergesComparisons(const std::vector<std::string>& files);
 // `kltce fleet merge` of comparisons: adds them up and writes the sum in `format`.
 int runComparisonMerge(const std::vector<std::string>& files, const std::string& format, std::ostream& out,

@@ -108,8 +108,9 @@ static int runCommand(int argc, char** argv) {
   check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error");
   auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
   std::string compareDocument;
-  auto* compareOpt = check->add_option("--compare", compareDocument,
-                                       "an old document: the campaigns added, removed and edited, the values changed, and admission old -> new");
+  auto* compareOpt = check->add_option(
+      "--compare", compareDocument,
+      "an old document: the campaigns added, removed and edited, the values changed, and admission old -> new");
   compareOpt->excludes(check->get_option("--require-admitted"));
 
   std::string text;
