@@ -33,3 +33,36 @@ if(TARGET kltce_fleet_mpi AND MPIEXEC_EXECUTABLE)
   set_tests_properties(kltce_e2e_fleet_mpi PROPERTIES LABELS e2e ENVIRONMENT
     "ASAN_OPTIONS=detect_leaks=0;OMPI_ALLOW_RUN_AS_ROOT=1;OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1;OMPI_MCA_rmaps_base_oversubscribe=1;OMPI_MCA_plm_rsh_agent=;OMPI_MCA_btl_vader_single_copy_mechanism=none")
 endif()
+
+# --compare: the shipped fleet replayed with the old document (examples/campaigns.json) and the new
+# (examples/fleet/campaigns_v2.json): one run, two workers, three shards merged and two MPI ranks
+# give the same JSON, and one run and three workers the same CSV rows; the table is the
+# walk-through's; a merge refuses a plain summary among comparisons.
+set(compare_old ${PROJECT_SOURCE_DIR}/examples/campaigns.json)
+set(compare_args fleet|--document|${fleet_dir}/campaigns_v2.json|--compare|${compare_old}|--fleet|${fleet_dir}/fleet.jsonl)
+kltce_e2e(fleet_compare ARGS ${compare_args}|--workers|1|--format|json EXPECT_OUT ${fleet_dir}/compare.json)
+kltce_e2e(fleet_compare_two_workers ARGS ${compare_args}|--workers|2|--format|json EXPECT_OUT ${fleet_dir}/compare.json)
+kltce_e2e(fleet_compare_table ARGS ${compare_args}|--workers|2 EXPECT_OUT ${kltce_data}/fleet_compare_table.txt)
+kltce_e2e(fleet_compare_merge_mixed ARGS fleet|merge|${fleet_dir}/compare.json|${fleet_dir}/summary.json
+  EXPECT_RC 2 EXPECT_ERR "^kltce: fleet: merge: '[^']*summary.json': not a comparison")
+# A timer that never ends in the old document stops the comparison at the device that arms it.
+kltce_e2e(fleet_compare_blocked ARGS fleet|--document|${compare_old}|--compare|${kltce_data}/endless.json|--fleet|${kltce_data}/fleet_tap.jsonl
+  EXPECT_RC 3 EXPECT_ERR "^kltce: fleet: line 3: device 'b': the engine's queue is blocked for good; its replay says:\nkltce: line 1:")
+kltce_e2e(check_compare ARGS check|--document|${fleet_dir}/campaigns_v2.json|--compare|${compare_old}|--profile|${kltce_examples}/profile.json
+  EXPECT_OUT_REGEX "^feedback_survey: removed from configs\\[1\\]; was admitted
+.*welcome_offer: edited; admitted as before
+  /conditions/1/count_config/count: 2 -> 1
+4 campaigns: 1 added, 1 removed, 2 edited, 0 unchanged")
+set(compare_case ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:kltce> -DDOCUMENT=${fleet_dir}/campaigns_v2.json
+    -DFLEET=${fleet_dir}/fleet.jsonl -DEXPECT=${fleet_dir}/compare.json "-DEXTRA=--compare|${compare_old}")
+add_test(NAME kltce_e2e_fleet_compare_shards COMMAND ${compare_case} -DMODE=shards -DSCRATCH=${kltce_scratch}/fleet_compare_shards
+  -P ${kltce_data}/fleet_case.cmake)
+add_test(NAME kltce_e2e_fleet_compare_csv COMMAND ${compare_case} -DMODE=csv -DSCRATCH=${kltce_scratch}/fleet_compare_csv
+  -DEXPECT_CSV=${kltce_data}/fleet_compare.csv -P ${kltce_data}/fleet_case.cmake)
+set_tests_properties(kltce_e2e_fleet_compare_shards kltce_e2e_fleet_compare_csv PROPERTIES LABELS e2e)
+if(TARGET kltce_fleet_mpi AND MPIEXEC_EXECUTABLE)
+  add_test(NAME kltce_e2e_fleet_compare_mpi COMMAND ${compare_case} -DMODE=mpi -DSCRATCH=${kltce_scratch}/fleet_compare_mpi
+    "-DMPI_RUN=${MPIEXEC_EXECUTABLE}|${MPIEXEC_NUMPROC_FLAG}|2|$<TARGET_FILE:kltce_fleet_mpi>" -P ${kltce_data}/fleet_case.cmake)
+  set_tests_properties(kltce_e2e_fleet_compare_mpi PROPERTIES LABELS e2e ENVIRONMENT
+    "ASAN_OPTIONS=detect_leaks=0;OMPI_ALLOW_RUN_AS_ROOT=1;OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1;OMPI_MCA_rmaps_base_oversubscribe=1;OMPI_MCA_plm_rsh_agent=;OMPI_MCA_btl_vader_single_copy_mechanism=none")
+endif()

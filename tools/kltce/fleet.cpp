@@ -13,6 +13,7 @@
 #include "platform/KLTSerialQueue.h"
 #include "platform/KLTUserDefaults.h"
 #include "tools/kltce/explain.h"
+#include "tools/kltce/fleet_compare.h"
 #include "tools/kltce/fleet_input.h"
 #include "tools/kltce/replay.h"
 
@@ -96,6 +97,7 @@ std::optional<FleetRange> FleetPieces::range(std::istream& in, std::size_t piece
 }
 
 FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
+  if (options.compareWith) return replayFleetCompared(options, fleet);
   FleetResult result;
   NullBuffer nothing;
   std::ostream dropped(&nothing);

@@ -27,6 +27,7 @@
 
 #include "platform/KLTSharedMap.h"
 #include "platform/KLTValue.h"
+#include "tools/kltce/fleet_comparison.h"
 #include "tools/kltce/fleet_summary.h"
 
 namespace kltce {
@@ -77,6 +78,9 @@ struct FleetOptions {
   std::function<std::optional<FleetRange>()> nextRange;
   // Called after each device replayed, with the totals so far (progress).
   std::function<void(uint64_t devices, uint64_t events)> onDevice;
+  // When set, each device is replayed twice, with this old document and with `document`, and the
+  // result compares them (fleet_compare.h); the CSV rows are then those of the changed outcomes.
+  std::optional<KLTValue> compareWith;
 };
 
 struct FleetResult {
@@ -84,11 +88,19 @@ struct FleetResult {
   FleetSummary summary;        // of the devices replayed before a stop
   std::string error;           // why the fleet stopped; empty when it went through
   std::size_t errorLine = 0;   // the fleet file's line the error names (0: none)
+  std::optional<FleetComparison> comparison;  // with compareWith; summary is then the new document's
 };
 
 FleetResult replayFleet(const FleetOptions& options, std::istream& fleet);
 
 // The CSV header of FleetOptions::csv's rows.
 inline constexpr const char* kFleetCsvHeader = "device,campaign,outcome,reason,displays,first_display_ms,text";
+// The CSV header of a comparison's rows (FleetOptions::compareWith); fleetCsvHeader(): the header
+// of the rows these options make.
+inline constexpr const char* kFleetCompareCsvHeader =
+    "device,campaign,old_outcome,new_outcome,old_reason,new_reason,old_displays,new_displays,old_text,new_text";
+inline const char* fleetCsvHeader(const FleetOptions& options) {
+  return options.compareWith ? kFleetCompareCsvHeader : kFleetCsvHeader;
+}
 
 }  // namespace kltce

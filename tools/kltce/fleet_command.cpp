@@ -12,6 +12,7 @@
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "platform/KLTUserDefaults.h"
+#include "tools/kltce/fleet_compare.h"
 #include "tools/kltce/fleet_workers.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/replay.h"
@@ -73,6 +74,7 @@ void addFleetOptions(CLI::App& app, FleetCommand& c) {
   app.add_option("--shard", c.shard, "replay only shard I of N (I/N, by a hash of the device id; default 0/1)");
   app.add_option("--state", c.state, "every device starts from the counters of this file (only read; default: fresh)");
   app.add_flag("--auto-shown", c.autoShown, "report every display event as shown, as a host would after showing it");
+  app.add_option("--compare", c.compare, "an old document: replay each device with it too and compare (old -> new; --csv: the changed rows)");
 }
 
 bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostream& err) {
@@ -112,6 +114,7 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
     }
     options.counters = store->sharedDictionaryForKey(kKLTFrequencyStoreKey);
   }
+  if (!command.compare.empty() && !prepareComparison(command.compare, options, err)) return false;
   return true;
 }
 
@@ -135,7 +138,7 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   if (!command.csv.empty()) {
     csv.open(command.csv, std::ios::out | std::ios::trunc);
     if (!csv) return usage(err, "--csv: cannot write '" + command.csv + "': " + std::strerror(errno));
-    csv << kFleetCsvHeader << '\n';
+    csv << fleetCsvHeader(options) << '\n';
     options.csv = &csv;
   }
   FleetProgressLine line(err);
@@ -168,6 +171,7 @@ std::string fleetResultText(const FleetResult& result) {
   json["error"] = result.error;
   json["error_line"] = result.errorLine;
   json["summary"] = result.summary.toJson();
+  if (result.comparison) json["comparison"] = result.comparison->toJson();
   return json.dump(-1, ' ', false, KLTValue::error_handler_t::replace);
 }
 
@@ -188,6 +192,10 @@ bool fleetResultFromText(std::string_view text, FleetResult& result, std::string
   result.exitCode = v["exit"].get<int>();
   result.error = v["error"].get<std::string>();
   result.errorLine = v["error_line"].get<std::size_t>();
+  if (v.contains("comparison")) {
+    result.comparison = FleetComparison::fromJson(v["comparison"], error);
+    if (!result.comparison) return false;
+  }
   return true;
 }
 
@@ -205,19 +213,21 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
     err.flush();
     return first->exitCode;
   }
+  if (!results.empty() && results.front().comparison) return finishComparison(results, format, out, err);
   FleetSummary sum;
   for (const FleetResult& r : results) sum.merge(r.summary);
   writeSummary(sum, format, out);
   return kExitOk;
 }
 
-bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err) {
+bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err,
+                    std::string_view header) {
   std::ofstream out(csv, std::ios::out | std::ios::trunc | std::ios::binary);
   if (!out) {
     err << "kltce: fleet: --csv: cannot write '" << csv << "': " << std::strerror(errno) << '\n';
     return false;
   }
-  out << kFleetCsvHeader << '\n';
+  out << header << '\n';
   std::vector<std::ifstream> ins(parts);
   for (std::size_t i = 0; i < parts; ++i) ins[i].open(csv + ".part" + std::to_string(i), std::ios::binary);
   std::vector<char> buffer(1 << 16);
@@ -242,10 +252,10 @@ bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector
   return static_cast<bool>(out);
 }
 
-bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err) {
+bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err, std::string_view header) {
   std::vector<CsvSlice> slices;
   for (std::size_t i = 0; i < parts; ++i) slices.push_back({i, 0, UINT64_MAX});
-  return gatherCsvParts(csv, parts, slices, err);
+  return gatherCsvParts(csv, parts, slices, err, header);
 }
 
 }  // namespace kltce

@@ -29,6 +29,7 @@ namespace kltce {
 
 struct FleetCommand {
   std::string document, fleet, state, csv;
+  std::string compare;  // the old document of a comparison (fleet_compare.h); empty: none
   std::string shard = "0/1";
   std::string format = "table";  // table or json
   unsigned workers = 0;          // 0: one per core
@@ -38,7 +39,7 @@ struct FleetCommand {
 };
 
 // Adds the replay options (--document, --fleet, --format, --csv, --workers, --shard, --state,
-// --auto-shown) to a command.
+// --auto-shown, --compare) to a command.
 void addFleetOptions(CLI::App& app, FleetCommand& command);
 // The text of `kltce fleet --help`'s footer: the fleet file's form and what the output holds.
 extern const char* const kFleetHelp;
@@ -67,8 +68,9 @@ struct CsvSlice {
   uint64_t length = 0;
 };
 // Writes FILE: the header, then the slices in order; removes FILE.part0 .. FILE.part<n-1>.
-bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err);
+bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err,
+                    std::string_view header = kFleetCsvHeader);
 // The same with the whole of each part, in order.
-bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err);
+bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err, std::string_view header = kFleetCsvHeader);
 
 }  // namespace kltce

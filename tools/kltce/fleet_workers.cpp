@@ -280,7 +280,8 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
                          ")";
     }
   }
-  if (!command.csv.empty() && !gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err)) {
+  if (!command.csv.empty() && !gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err,
+                                                 fleetCsvHeader(options))) {
     return kExitFailed;
   }
   return finishFleet(results, command.format, out, err);

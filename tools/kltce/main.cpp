@@ -22,7 +22,9 @@
 #include "platform/KLTSerialQueue.h"
 #include "tools/kltce/buffered_log.h"
 #include "tools/kltce/check.h"
+#include "tools/kltce/check_compare.h"
 #include "tools/kltce/explain.h"
+#include "tools/kltce/fleet_compare.h"
 #include "tools/kltce/fleet_command.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/macros.h"
@@ -105,6 +107,11 @@ static int runCommand(int argc, char** argv) {
   check->add_flag("--json", json, "one JSON object on standard output");
   check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error");
   auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
+  std::string compareDocument;
+  auto* compareOpt = check->add_option(
+      "--compare", compareDocument,
+      "an old document: the campaigns added, removed and edited, the values changed, and admission old -> new");
+  compareOpt->excludes(check->get_option("--require-admitted"));
 
   std::string text;
   auto* macros = app.add_subcommand("macros", "expand [user_x(default)] and [session_x(default)] placeholders");
@@ -129,6 +136,9 @@ static int runCommand(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   if (fleet->parsed()) {
+    if (fleetMerge->parsed() && kltce::mergesComparisons(fleetCommand.mergeFiles)) {
+      return kltce::runComparisonMerge(fleetCommand.mergeFiles, fleetCommand.format, std::cout, std::cerr);
+    }
     if (fleetMerge->parsed()) return kltce::runFleetMerge(fleetCommand, std::cout, std::cerr);
     fleetCommand.progress = ::isatty(STDERR_FILENO) == 1;
     const int code = kltce::runFleetCommand(fleetCommand, std::cout, std::cerr);
@@ -172,6 +182,11 @@ static int runCommand(int argc, char** argv) {
     checkOptions.json = json;
     checkOptions.requireAdmitted = requireAdmitted;
     if (atOpt->count() && !readInstantOption("--at", at, checkOptions.at)) return kExitUsage;
+    if (compareOpt->count()) {
+      KLTValue before;
+      if (!loadDocument(compareDocument, before)) return kExitUsage;
+      return kltce::runCheckCompare(checkOptions, before, std::cout, std::cerr);
+    }
     return kltce::runCheck(checkOptions, std::cout, std::cerr);
   }
 

@@ -1,7 +1,8 @@
 # End-to-end checks of `kltce fleet` that take several runs:
 #   cmake -DMODE=<mode> -DTOOL=<kltce> -DDOCUMENT=<json> -DFLEET=<jsonl> -DEXPECT=<summary.json>
 #         -DSCRATCH=<dir> [-DGENERATOR=<gen_fleet> -DGEN_ARGS=a|b] [-DMPI_RUN=a|b] [-DEXPECT_CSV=<csv>]
-#         -P fleet_case.cmake
+#         [-DEXTRA=a|b] -P fleet_case.cmake
+# EXTRA: options added to every fleet run of the shards, mpi and csv modes (--compare|old.json).
 # per_device: the generator, run with GEN_ARGS, writes FLEET again and every 7th device alone; each
 #   of those, replayed by `kltce run --fresh --explain`, must give the fleet's CSV rows: the same
 #   "why not" text per campaign and the same number of displays.
@@ -11,9 +12,11 @@
 #   report the error one process reports, and write the rows of the same devices (the others'
 #   later pieces, when they reach them before the stop, must not count).
 # mpi: MPI_RUN (the launcher and kltce-fleet-mpi) must print EXPECT.
+# csv: one process must write EXPECT_CSV, three workers the same rows in another order, and print EXPECT.
 cmake_policy(SET CMP0007 NEW)  # a list keeps its empty elements
 string(REPLACE "|" ";" gen_args "${GEN_ARGS}")
 string(REPLACE "|" ";" mpi_run "${MPI_RUN}")
+string(REPLACE "|" ";" extra "${EXTRA}")
 file(REMOVE_RECURSE ${SCRATCH})
 file(MAKE_DIRECTORY ${SCRATCH}/split)
 file(READ ${EXPECT} expected)
@@ -77,7 +80,7 @@ if(MODE STREQUAL "per_device")
 elseif(MODE STREQUAL "shards")
   set(parts "")
   foreach(i 0 1 2)
-    run(${TOOL} fleet --document ${DOCUMENT} --fleet ${FLEET} --shard ${i}/3 --workers 1 --format json)
+    run(${TOOL} fleet --document ${DOCUMENT} --fleet ${FLEET} --shard ${i}/3 --workers 1 --format json ${extra})
     file(WRITE ${SCRATCH}/shard${i}.json "${out}")
     list(APPEND parts ${SCRATCH}/shard${i}.json)
   endforeach()
@@ -114,8 +117,22 @@ elseif(MODE STREQUAL "workers")
   if(NOT rows STREQUAL expected_rows)
     message(FATAL_ERROR "three workers' CSV differs from ${EXPECT_CSV}")
   endif()
+elseif(MODE STREQUAL "csv")
+  foreach(workers 1 3)
+    run(${TOOL} fleet --document ${DOCUMENT} --fleet ${FLEET} --workers ${workers} --format json
+      --csv ${SCRATCH}/rows${workers}.csv ${extra})
+    file(READ ${SCRATCH}/rows${workers}.csv rows)
+    string(REPLACE ";" "<sc>" rows "${rows}")
+    string(REPLACE "\n" ";" rows${workers} "${rows}")
+    list(SORT rows${workers})
+  endforeach()
+  file(READ ${SCRATCH}/rows1.csv rows)
+  file(READ ${EXPECT_CSV} expected_rows)
+  if(NOT rows STREQUAL expected_rows OR NOT rows3 STREQUAL rows1)
+    message(FATAL_ERROR "the CSV of one process or of three workers differs from ${EXPECT_CSV}")
+  endif()
 elseif(MODE STREQUAL "mpi")
-  run(${mpi_run} --document ${DOCUMENT} --fleet ${FLEET} --format json)
+  run(${mpi_run} --document ${DOCUMENT} --fleet ${FLEET} --format json ${extra})
 endif()
 if(NOT MODE STREQUAL "per_device" AND NOT out STREQUAL expected)
   message(FATAL_ERROR "${MODE}: the summary differs from ${EXPECT}:\n${out}")

@@ -103,7 +103,10 @@ int main(int argc, char** argv) {
         results[r].error = "rank " + std::to_string(r) + " sent no result: " + error;
       }
     }
-    if (!command.csv.empty() && !kltce::gatherCsvParts(command.csv, texts.size(), std::cerr)) code = kltce::kExitFailed;
+    if (!command.csv.empty() &&
+        !kltce::gatherCsvParts(command.csv, texts.size(), std::cerr, kltce::fleetCsvHeader(options))) {
+      code = kltce::kExitFailed;
+    }
     if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, std::cout, std::cerr);
   }
   MPI_Bcast(&code, 1, MPI_INT, 0, MPI_COMM_WORLD);
