@@ -1,7 +1,8 @@
 // A generator of campaign documents, device profiles and event streams shaped like a real app's,
 // for benchmarks that must not rest on a stream made to suit the engine (bench/gen_events.h sends
 // each event to one listener). Everything is made in memory from a seed: the same options give the
-// same document and stream, byte for byte, on every machine.
+// same document and stream, byte for byte, at every run (the popularity weights come from the C
+// library's pow(), so another C library might move a draw that falls on a boundary).
 //
 // The shape:
 // - 150 event names (screens, app events, client events) ranked by popularity, a few famous ones
