@@ -164,11 +164,13 @@ inline KLTValue timeBounds(Random& random) {
   return KLTValue{{"lower", int64_t{1767225600000}}, {"upper", upper}};
 }
 
+// A condition's trigger: three in four arm it at start, the others on a popular screen or on a
+// popular app event that came from a push (trigger data {"source": "push"}).
 inline KLTValue trigger(const Zipf& listen, Random& random) {
   const double p = random.unit();
   if (p < 0.75) return KLTValue{{"event_type", "app_start"}, {"details", {{"additional_info", KLTValue::object()}}}};
   const auto& names = eventNames();
-  // A trigger on a screen or an app event, drawn as popular names are.
+  // Drawn as the names conditions listen to are, until one of the wanted kind comes up.
   for (;;) {
     const int rank = listen.pick(random);
     const EventName& e = names[static_cast<std::size_t>(rank)];
@@ -184,6 +186,8 @@ inline KLTValue trigger(const Zipf& listen, Random& random) {
   }
 }
 
+// A campaign's cap: overall, per session, or overall with a day limit; null, with capped false,
+// for about one campaign in seven.
 inline KLTValue frequency(Random& random, bool& capped) {
   capped = true;
   const double p = random.unit();
