@@ -5,6 +5,8 @@
 //   before it (measured by counting every operator new/delete of the process); bare_doc_bytes is
 //   the heap the bare parsed document holds. BM_StartUpParseInMemory/N: the same parse with the
 //   counters in a memory-only store, the engine's share of the cost without the store's.
+// - BM_StartUpParseRealistic/N and BM_BareJsonParseRealistic/N: the same two on the realistic
+//   document of bench/gen_realistic.h (many campaigns listening to the same few popular events).
 // - BM_DisplayCounted/N: one display counted (updateCountForConfigWithIdentifier) after a parse of
 //   N campaigns, on the campaign parsed last, whose copy of the counter map is the stored one,
 //   after one untimed display, over at least half a second of displays.
@@ -17,6 +19,7 @@
 #include <new>
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
+#include "bench/gen_realistic.h"
 #include "testsupport/KLTCampaignBuilder.h"
 #include "testsupport/KLTTestHost.h"
 
@@ -84,8 +87,13 @@ std::string generatedDocument(int n) {
   return KLTValue{{"configs", std::move(configs)}}.dump();
 }
 
-void BM_BareJsonParse(benchmark::State& state) {
-  const std::string text = generatedDocument(static_cast<int>(state.range(0)));
+std::string realisticDocument(int n) {
+  genrealistic::Options options;
+  options.campaigns = n;
+  return genrealistic::campaignDocument(options).value.dump();
+}
+
+void runBareJsonParse(benchmark::State& state, const std::string& text) {
   int64_t held = 0;
   for (auto _ : state) {
     const int64_t before = gInUse;
@@ -95,14 +103,15 @@ void BM_BareJsonParse(benchmark::State& state) {
   }
   state.counters["bare_doc_bytes"] = static_cast<double>(held);
 }
+
+void BM_BareJsonParse(benchmark::State& state) { runBareJsonParse(state, generatedDocument(static_cast<int>(state.range(0)))); }
 BENCHMARK(BM_BareJsonParse)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The start-up parse until the evaluator's queue is idle; with persisted false the counters live in
 // a memory-only store, which leaves the engine's own share of the cost.
-void runStartUpParse(benchmark::State& state, bool persisted) {
+void runStartUpParse(benchmark::State& state, bool persisted, const std::string& text) {
   KLTTestHost host{2};
   if (!persisted) KLTUserDefaults::setStandardUserDefaults(std::make_shared<KLTUserDefaults>(std::filesystem::path{}));
-  const std::string text = generatedDocument(static_cast<int>(state.range(0)));
   auto& evaluator = KLTContextEvaluator::sharedInstance();
   int64_t peak = 0;
   for (auto _ : state) {
@@ -118,10 +127,21 @@ void runStartUpParse(benchmark::State& state, bool persisted) {
   state.counters["peak_bytes"] = static_cast<double>(peak);
 }
 
-void BM_StartUpParse(benchmark::State& state) { runStartUpParse(state, true); }
+void BM_StartUpParse(benchmark::State& state) {
+  runStartUpParse(state, true, generatedDocument(static_cast<int>(state.range(0))));
+}
 BENCHMARK(BM_StartUpParse)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
-void BM_StartUpParseInMemory(benchmark::State& state) { runStartUpParse(state, false); }
+void BM_StartUpParseInMemory(benchmark::State& state) {
+  runStartUpParse(state, false, generatedDocument(static_cast<int>(state.range(0))));
+}
 BENCHMARK(BM_StartUpParseInMemory)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_BareJsonParseRealistic(benchmark::State& state) { runBareJsonParse(state, realisticDocument(static_cast<int>(state.range(0)))); }
+BENCHMARK(BM_BareJsonParseRealistic)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+void BM_StartUpParseRealistic(benchmark::State& state) {
+  runStartUpParse(state, true, realisticDocument(static_cast<int>(state.range(0))));
+}
+BENCHMARK(BM_StartUpParseRealistic)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_DisplayCounted(benchmark::State& state) {
   KLTTestHost host{2};
