@@ -79,11 +79,15 @@ export async function screenshot(page, file, fullPage) {
 export async function readPage(page) {
   return page.evaluate(() => {
     const box = (el) => { const r = el.getBoundingClientRect(); return { w: r.width, h: r.height }; };
-    const table = (t) => [...t.querySelectorAll('tbody tr')].map((tr) => ({
-      head: tr.querySelector('th')?.textContent ?? '',
-      cells: [...tr.querySelectorAll('td')].map((td) => ({ k: td.dataset.k ?? '', text: td.textContent })),
-      from: tr.dataset.from, to: tr.dataset.to, seq: tr.dataset.seq, campaign: tr.dataset.campaign,
-    }));
+    // A cell's summary key is its own data-k, else its column head's (the row's th is column 0).
+    const table = (t) => {
+      const heads = [...t.querySelectorAll('thead th')].map((th) => th.dataset.k ?? '');
+      return [...t.querySelectorAll('tbody tr')].map((tr) => ({
+        head: tr.querySelector('th')?.textContent ?? '',
+        cells: [...tr.querySelectorAll('td')].map((td, i) => ({ k: td.dataset.k ?? heads[i + 1] ?? '', text: td.textContent })),
+        bin: tr.classList.contains('bin'), seq: tr.dataset.seq, campaign: tr.dataset.campaign,
+      }));
+    };
     const header = {};
     document.querySelectorAll('header dd[data-k]').forEach((dd) => { header[dd.dataset.k] = dd.textContent; });
     const tables = {};

@@ -2,11 +2,17 @@
 // other, every chart drawn with a size and one bar per row of its table, bars in proportion to
 // the numbers, and every number of every table equal to the summary's.
 
+// Whether a cell shows the summary's value: displays per reached device to two decimals (either
+// rounding of a half), the rest exactly.
+function agrees(c, key, text) {
+  if (key === 'displays_per_reached') return Math.abs(Number(text) - c.displays_per_reached) <= 0.005 + 1e-9 && /^\d+\.\d\d$/.test(text);
+  return text === expected(c, key);
+}
+
 // The summary's value at a table cell's key ("admitted", "rejected.version", ...), as the page
 // writes it; undefined when the summary has no such key.
 function expected(c, key) {
   if (key === 'not_reached') return String(c.devices - c.reached);
-  if (key === 'displays_per_reached') return c.displays_per_reached.toFixed(2);
   let v = c;
   for (const part of key.split('.')) {
     if (v === null || typeof v !== 'object' || !(part in v)) return undefined;
@@ -49,7 +55,7 @@ export function checkFleet(view, summary) {
     const c = summary.campaigns[row.campaign];
     if (!c) continue;
     for (const cell of row.cells) {
-      if (cell.k && cell.text !== expected(c, cell.k)) {
+      if (cell.k && !agrees(c, cell.k, cell.text)) {
         failures.push(`overview ${row.campaign} ${cell.k} ${cell.text} != ${expected(c, cell.k)}`);
       }
     }
@@ -64,7 +70,7 @@ export function checkFleet(view, summary) {
         for (const cell of row.cells) {
           if (!cell.k) continue;
           const want = expected(c, cell.k);
-          if (cell.text !== want) failures.push(where(`${name} ${cell.k}: the table says ${cell.text}, the summary ${want}`));
+          if (!agrees(c, cell.k, cell.text)) failures.push(where(`${name} ${cell.k}: the table says ${cell.text}, the summary ${want}`));
         }
       }
     }
@@ -75,10 +81,12 @@ export function checkFleet(view, summary) {
     for (const kind of Object.keys(c.why_not)) if (!keys.has(`why_not.${kind}`)) failures.push(where(`why_not.${kind} is not shown`));
     // The histogram's rows are the exact counts gathered into bins.
     const counts = Object.entries(c.first_display_seconds.counts).map(([sec, n]) => [Number(sec), n]);
-    const bins = (s.tables['first-display'] ?? []).filter((r) => r.from !== undefined);
+    const bins = (s.tables['first-display'] ?? []).filter((r) => r.bin);
     let binned = 0;
     for (const b of bins) {
-      const from = Number(b.from), to = Number(b.to);
+      const m = /^(-?\d+)\u2013(-?\d+) s$/.exec(b.head);
+      if (!m) { failures.push(where(`first display: a bin reads "${b.head}"`)); continue; }
+      const from = Number(m[1]), to = Number(m[2]);
       const want = counts.filter(([sec]) => sec >= from && sec < to).reduce((a, [, n]) => a + n, 0);
       binned += Number(b.cells[0].text);
       if (b.cells[0].text !== String(want)) failures.push(where(`first display ${from}-${to} s: the table says ${b.cells[0].text}, the counts ${want}`));

@@ -10,7 +10,7 @@ namespace kltce {
 
 namespace {
 
-constexpr std::size_t kHistogramBins = 16;
+constexpr std::size_t kHistogramBins = 10;
 
 std::string fixed2(double v) {
   char buffer[32];
@@ -31,11 +31,11 @@ double perReached(const CampaignTally& t) {
   return t.reached == 0 ? 0.0 : static_cast<double>(t.displays) / static_cast<double>(t.reached);
 }
 
-// A row "<tr><th>name</th><td class=n data-k=key>value</td></tr>".
+// A row "<tr><th>name</th><td data-k=key>value</td></tr>".
 void row(std::string& out, std::string_view name, std::string_view key, std::string_view value) {
-  out += "<tr><th scope=\"row\">";
+  out += "<tr><th>";
   appendEscaped(out, name);
-  out += "</th><td class=\"n\"";
+  out += "</th><td";
   if (!key.empty()) {
     out += " data-k=\"";
     appendEscaped(out, key);
@@ -46,20 +46,17 @@ void row(std::string& out, std::string_view name, std::string_view key, std::str
   out += "</td></tr>";
 }
 
-void openFigure(std::string& out, std::string_view name, std::string_view caption) {
-  out += "<figure data-fig=\"";
-  out += name;
-  out += "\"><figcaption>";
+void openFigure(std::string& out, std::string_view caption) {
+  out += "<figure><figcaption>";
   appendEscaped(out, caption);
   out += "</figcaption><div class=\"row\">";
 }
 
-void openTable(std::string& out, std::string_view name, std::string_view caption, std::string_view valueHead) {
-  out += "<table data-table=\"";
+// The figure's caption names the table too: a report of a thousand campaigns has three thousand.
+void openTable(std::string& out, std::string_view name, std::string_view valueHead) {
+  out += "<table class=\"num\" data-table=\"";
   out += name;
-  out += "\"><caption>";
-  appendEscaped(out, caption);
-  out += "</caption><thead><tr><th scope=\"col\"></th><th scope=\"col\">";
+  out += "\"><thead><tr><th></th><th>";
   appendEscaped(out, valueHead);
   out += "</th></tr></thead><tbody>";
 }
@@ -67,13 +64,13 @@ void openTable(std::string& out, std::string_view name, std::string_view caption
 void closeFigure(std::string& out) { out += "</tbody></table></div></figure>"; }
 
 void appendFunnel(std::string& out, const std::string& id, const CampaignTally& t) {
-  openFigure(out, "funnel", "Funnel");
-  appendBarChart(out, "funnel", id + ": devices seen, admitted and reached",
+  openFigure(out, "Funnel");
+  appendBarChart(out, "funnel", id + ": funnel",
                  {{"devices seen", static_cast<double>(t.devices), std::to_string(t.devices), 5},
                   {"admitted", static_cast<double>(t.admitted), std::to_string(t.admitted), 0},
                   {"reached", static_cast<double>(t.reached), std::to_string(t.reached), 1}},
                  "no device");
-  openTable(out, "funnel", "Funnel", "devices");
+  openTable(out, "funnel", "devices");
   row(out, "devices seen", "devices", std::to_string(t.devices));
   row(out, "admitted", "admitted", std::to_string(t.admitted));
   row(out, "reached", "reached", std::to_string(t.reached));
@@ -98,10 +95,10 @@ void appendWhyNot(std::string& out, const std::string& id, const CampaignTally& 
   std::vector<Bar> bars;
   for (const Reason& r : reasons) bars.push_back({r.label, static_cast<double>(r.count), std::to_string(r.count), r.tone});
   const uint64_t notReached = t.devices >= t.reached ? t.devices - t.reached : 0;
-  openFigure(out, "why-not", "Why not");
-  appendBarChart(out, "why-not", id + ": why the devices not reached were not, largest first", bars,
+  openFigure(out, "Why not");
+  appendBarChart(out, "why-not", id + ": why not", bars,
                  "every device was reached");
-  openTable(out, "why-not", "Why not (" + std::to_string(notReached) + " devices not reached)", "devices");
+  openTable(out, "why-not", "devices");
   for (const Reason& r : reasons) row(out, r.label, r.key, std::to_string(r.count));
   row(out, "not reached", "not_reached", std::to_string(notReached));
   if (const auto it = t.whyNot.find("rejected"); it != t.whyNot.end()) {
@@ -116,13 +113,12 @@ void appendFirstDisplay(std::string& out, const std::string& id, const CampaignT
   std::vector<Marker> markers;
   if (median) markers.push_back({"median " + std::to_string(*median) + " s", *median});
   if (p90) markers.push_back({"p90 " + std::to_string(*p90) + " s", *p90});
-  openFigure(out, "first-display", "Time to first display");
-  appendHistogram(out, "first-display", id + ": seconds from a device's first line to its first display", bins,
+  openFigure(out, "Time to first display");
+  appendHistogram(out, "first-display", id + ": time to first display", bins,
                   markers, "s", "no display");
-  openTable(out, "first-display", "Time to first display (seconds)", "devices");
+  openTable(out, "first-display", "devices");
   for (const Bin& b : bins) {
-    out += "<tr data-from=\"" + std::to_string(b.from) + "\" data-to=\"" + std::to_string(b.to) + "\"><th scope=\"row\">" +
-           std::to_string(b.from) + "\u2013" + std::to_string(b.to) + " s</th><td class=\"n\">" +
+    out += "<tr class=\"bin\"><th>" + std::to_string(b.from) + "\u2013" + std::to_string(b.to) + " s</th><td>" +
            std::to_string(b.count) + "</td></tr>";
   }
   row(out, "median (s)", "first_display_seconds.median", optionalSeconds(median));
@@ -131,29 +127,21 @@ void appendFirstDisplay(std::string& out, const std::string& id, const CampaignT
 }
 
 void appendOverview(std::string& out, const FleetSummary& summary) {
-  out += "<table data-table=\"overview\"><caption>Campaigns</caption><thead><tr><th scope=\"col\">campaign</th>"
-         "<th scope=\"col\">devices</th><th scope=\"col\">admitted</th><th scope=\"col\">reached</th>"
-         "<th scope=\"col\">reached of seen</th><th scope=\"col\">displays</th><th scope=\"col\">first median (s)</th>"
-         "<th scope=\"col\">first p90 (s)</th></tr></thead><tbody>";
+  // The summary key of each column is in its head (data-k), once for all rows.
+  out += "<table class=\"num\" data-table=\"overview\"><caption>Campaigns</caption><thead><tr><th>campaign</th>"
+         "<th data-k=\"devices\">devices</th><th data-k=\"admitted\">admitted</th><th data-k=\"reached\">reached</th>"
+         "<th>reached of seen</th><th data-k=\"displays\">displays</th>"
+         "<th data-k=\"first_display_seconds.median\">first median (s)</th>"
+         "<th data-k=\"first_display_seconds.p90\">first p90 (s)</th></tr></thead><tbody>";
   for (const auto& [id, t] : summary.campaigns()) {
     out += "<tr data-campaign=\"";
     appendEscaped(out, id);
-    out += "\"><th scope=\"row\"><a href=\"#" + anchorOf(id) + "\">";
+    out += "\"><th><a href=\"#" + anchorOf(id) + "\">";
     appendEscaped(out, id);
-    out += "</a></th>";
-    const auto cell = [&](std::string_view key, const std::string& value) {
-      out += "<td class=\"n\"";
-      if (!key.empty()) out += " data-k=\"" + std::string(key) + '"';
-      out += '>' + value + "</td>";
-    };
-    cell("devices", std::to_string(t.devices));
-    cell("admitted", std::to_string(t.admitted));
-    cell("reached", std::to_string(t.reached));
-    cell("", percentOf(t.reached, t.devices));
-    cell("displays", std::to_string(t.displays));
-    cell("first_display_seconds.median", optionalSeconds(t.firstDisplayQuantile(0.5)));
-    cell("first_display_seconds.p90", optionalSeconds(t.firstDisplayQuantile(0.9)));
-    out += "</tr>";
+    out += "</a></th><td>" + std::to_string(t.devices) + "</td><td>" + std::to_string(t.admitted) + "</td><td>" +
+           std::to_string(t.reached) + "</td><td>" + percentOf(t.reached, t.devices) + "</td><td>" +
+           std::to_string(t.displays) + "</td><td>" + optionalSeconds(t.firstDisplayQuantile(0.5)) + "</td><td>" +
+           optionalSeconds(t.firstDisplayQuantile(0.9)) + "</td></tr>";
   }
   out += "</tbody></table>\n";
 }

@@ -10,8 +10,10 @@
 // histogram of the summary's exact counts, median and 90th percentile marked).
 //
 // Table cells carry `data-k`, the summary key they show ("admitted", "rejected.version",
-// "why_not.count_short", "first_display_seconds.median"), and histogram rows `data-from`/`data-to`,
-// so that a checker can hold the page against `kltce fleet --format json`.
+// "why_not.count_short", "first_display_seconds.median"; the overview's in its column heads), and
+// the histogram's rows class "bin" and the head "FROM–TO s" (seconds FROM to before TO), so
+// that a checker can hold the page against `kltce fleet --format json`. The output is kept lean
+// (about 4 KB a campaign): a report of a thousand campaigns stays under 5 MB.
 //
 // Pure function; safe from any thread.
 #pragma once

@@ -22,11 +22,12 @@ figcaption{font-weight:600;margin-bottom:4px}
 table{border-collapse:collapse;font-size:12px}
 caption{text-align:left;font-weight:600;padding-bottom:2px}
 th,td{padding:1px 8px 1px 0;text-align:left;vertical-align:top}
-td.n{text-align:right;font-variant-numeric:tabular-nums}
+td.n,table.num td{text-align:right;font-variant-numeric:tabular-nums}
+text.e{text-anchor:end}text.m{text-anchor:middle}
 thead th{border-bottom:1px solid #b9c0cc}
 svg text{font-size:11px;fill:#1d2430}
 svg .ax{stroke:#8d96a8;fill:none}svg .mk{stroke:#c0392b;stroke-dasharray:4 3;fill:none}tbody th{font-weight:normal}svg text.mk{fill:#c0392b;stroke:none}
-.b0{fill:#3d6fb6}.b1{fill:#5a9e6f}.b2{fill:#e0a030}.b3{fill:#c0392b}.b4{fill:#8e6cc0}.b5{fill:#7d8799}
+rect.bar,.b0{fill:#3d6fb6}.b1{fill:#5a9e6f}.b2{fill:#e0a030}.b3{fill:#c0392b}.b4{fill:#8e6cc0}.b5{fill:#7d8799}
 .why{background:#fdf0e8;border-left:4px solid #e0a030;padding:4px 8px;margin:4px 0 8px}
 .fired{background:#eaf5ee;border-left:4px solid #5a9e6f;padding:4px 8px;margin:4px 0 8px}
 .vals{font-family:ui-monospace,monospace;font-size:11px;word-break:break-all;max-width:720px}

@@ -22,15 +22,15 @@ void openSvg(std::string& out, std::string_view name, std::string_view title, in
   appendEscaped(out, name);
   out += "\" role=\"img\" aria-label=\"";
   appendEscaped(out, title);
-  out += "\" width=\"" + std::to_string(width) + "\" height=\"" + std::to_string(height) + "\" viewBox=\"0 0 " +
-         std::to_string(width) + ' ' + std::to_string(height) + "\">";
+  out += "\" width=" + std::to_string(width) + " height=" + std::to_string(height) + ">";
 }
 
 void text(std::string& out, double x, double y, std::string_view content, std::string_view anchor = {},
           std::string_view cls = {}) {
-  out += "<text x=\"" + px(x) + "\" y=\"" + px(y) + '"';
-  if (!anchor.empty()) out += " text-anchor=\"" + std::string(anchor) + '"';
-  if (!cls.empty()) out += " class=\"" + std::string(cls) + '"';
+  out += "<text x=" + px(x) + " y=" + px(y);
+  // Anchors are classes of the style sheet ("e": end, "m": middle), shorter than the attribute.
+  const std::string classes = std::string(anchor) + (anchor.empty() || cls.empty() ? "" : " ") + std::string(cls);
+  if (!classes.empty()) out += " class=\"" + classes + '"';
   out += '>';
   appendEscaped(out, content);
   out += "</text>";
@@ -71,11 +71,9 @@ void appendBarChart(std::string& out, std::string_view name, std::string_view ti
     const double top = 2 + static_cast<double>(i) * kBarRow;
     double width = largest > 0 ? b.value / largest * kBarAreaWidth : 0;
     if (b.value > 0) width = std::max(width, 1.0);
-    text(out, kBarLabelWidth - 6, top + 13, shortened(b.label), "end");
-    out += "<rect class=\"bar b" + std::to_string(b.tone % 6) + "\" x=\"" + std::to_string(kBarLabelWidth) +
-           "\" y=\"" + px(top + 2) + "\" width=\"" + px(width) + "\" height=\"14\"><title>";
-    appendEscaped(out, b.label + ": " + b.valueText);
-    out += "</title></rect>";
+    text(out, kBarLabelWidth - 6, top + 13, shortened(b.label), "e");
+    out += "<rect x=" + std::to_string(kBarLabelWidth) + " y=" + px(top + 2) + " width=" + px(width) +
+           " height=14 class=\"bar b" + std::to_string(b.tone % 6) + "\"/>";
     text(out, kBarLabelWidth + width + 4, top + 13, b.valueText);
   }
   out += "</svg>";
@@ -124,24 +122,22 @@ void appendHistogram(std::string& out, std::string_view name, std::string_view t
   for (const Bin& b : bins) most = std::max(most, b.count);
   out += "<path class=\"ax\" d=\"M" + std::to_string(kLeft) + ' ' + std::to_string(kTop) + "V" +
          std::to_string(kBase) + "H" + std::to_string(kRight) + "\"/>";
-  text(out, kLeft - 4, kTop + 8, std::to_string(most), "end");
-  text(out, kLeft - 4, kBase, "0", "end");
+  text(out, kLeft - 4, kTop + 8, std::to_string(most), "e");
+  text(out, kLeft - 4, kBase, "0", "e");
   text(out, kLeft, kBase + 14, std::to_string(bins.front().from) + ' ' + std::string(unit));
-  text(out, kRight, kBase + 14, std::to_string(bins.back().to) + ' ' + std::string(unit), "end");
+  text(out, kRight, kBase + 14, std::to_string(bins.back().to) + ' ' + std::string(unit), "e");
   for (const Bin& b : bins) {
     const double x = kLeft + (static_cast<double>(b.from) - lo) * scale;
     const double w = std::max(1.0, static_cast<double>(b.to - b.from) * scale - 1);
     const double h = std::max(1.0, static_cast<double>(b.count) / static_cast<double>(most) * (kBase - kTop));
-    out += "<rect class=\"bar b0\" x=\"" + px(x) + "\" y=\"" + px(kBase - h) + "\" width=\"" + px(w) +
-           "\" height=\"" + px(h) + "\"><title>" + std::to_string(b.from) + '-' + std::to_string(b.to) + ' ' +
-           std::string(unit) + ": " + std::to_string(b.count) + "</title></rect>";
+    out += "<rect x=" + px(x) + " y=" + px(kBase - h) + " width=" + px(w) + " height=" + px(h) + " class=\"bar\"/>";
   }
   for (std::size_t i = 0; i < markers.size(); ++i) {
     const double x = kLeft + (static_cast<double>(markers[i].at) + 0.5 - lo) * scale;
     const double labelY = 11 + static_cast<double>(i % 2) * 12;
     out += "<path class=\"mk\" d=\"M" + px(x) + ' ' + px(labelY + 3) + "V" + std::to_string(kBase) + "\"/>";
     text(out, x + (x < (kLeft + kRight) / 2.0 ? 3 : -3), labelY, markers[i].label,
-         x < (kLeft + kRight) / 2.0 ? "start" : "end", "mk");
+         x < (kLeft + kRight) / 2.0 ? "" : "e", "mk");
   }
   out += "</svg>";
 }
@@ -156,7 +152,7 @@ void appendTimeline(std::string& out, std::string_view name, std::string_view ti
   const auto xOf = [&](double v) { return kLeft + (v - from) / span * (kRight - kLeft); };
   for (std::size_t i = 0; i < lanes.size(); ++i) {
     const double y = 4 + static_cast<double>(i) * kLane + kLane / 2.0;
-    text(out, kLeft - 8, y + 4, shortened(lanes[i]), "end");
+    text(out, kLeft - 8, y + 4, shortened(lanes[i]), "e");
     out += "<path class=\"ax\" stroke-opacity=\".35\" d=\"M" + std::to_string(kLeft) + ' ' + px(y) + "H" +
            std::to_string(kRight) + "\"/>";
   }
@@ -168,13 +164,13 @@ void appendTimeline(std::string& out, std::string_view name, std::string_view ti
        static_cast<double>(v) <= to; v += step) {
     const double x = xOf(static_cast<double>(v));
     out += "<path class=\"ax\" d=\"M" + px(x) + ' ' + std::to_string(base) + "v4\"/>";
-    text(out, x, base + 15, std::to_string(v), "middle");
+    text(out, x, base + 15, std::to_string(v), "m");
   }
-  text(out, (kLeft + kRight) / 2.0, base + 28, axis, "middle");
+  text(out, (kLeft + kRight) / 2.0, base + 28, axis, "m");
   for (const TimelineMark& m : marks) {
     const double y = 4 + static_cast<double>(m.lane) * kLane + kLane / 2.0;
-    out += "<circle class=\"mark b" + std::to_string(m.tone % 6) + "\" cx=\"" + px(xOf(m.at)) + "\" cy=\"" + px(y) +
-           "\" r=\"4\"><title>";
+    out += "<circle cx=" + px(xOf(m.at)) + " cy=" + px(y) + " r=4 class=\"mark b" + std::to_string(m.tone % 6) +
+           "\"><title>";
     appendEscaped(out, m.title);
     out += "</title></circle>";
   }

@@ -1,7 +1,8 @@
 // The charts of kltce's HTML reports, written as inline SVG: horizontal bars (a funnel, the "why
 // not"s), a histogram with marked values, and a timeline of marks in lanes. Sizes are fixed in
-// pixels and coordinates whole, which keeps a chart a few hundred bytes per bar: a report of a
-// thousand campaigns stays a few megabytes and needs no script to draw.
+// pixels, coordinates whole and written without quotes (as HTML allows; an unquoted value never
+// ends an element, whose "/>" would join it), and bars carry no tooltip (the table beside the chart
+// has the numbers): a report of a thousand campaigns stays a few megabytes and needs no script.
 //
 // Every chart is `<svg class="chart" data-chart=NAME role="img" aria-label=TITLE>`; its data marks
 // carry class "bar" (rect) or "mark" (circle), one per datum, in the order given, so a checker can
