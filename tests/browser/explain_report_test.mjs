@@ -8,13 +8,15 @@ import { argsOf, openBrowser, openReport, readPage, report, screenshot } from '.
 import { checkExplain, explainSummary } from './explain_checks.mjs';
 import { kltce } from './run_tool.mjs';
 
-const { kltce: tool, source, out } = argsOf(process.argv.slice(2));
+const args = argsOf(process.argv.slice(2));
+// The tool runs in the repository with the paths a person types (the header shows them).
+const tool = path.resolve(args.kltce), source = path.resolve(args.source), out = path.resolve(args.out);
 fs.mkdirSync(out, { recursive: true });
 const html = path.join(out, 'explain_report.html');
 const trace = path.join(out, 'explain_trace.jsonl');
 const documentFile = path.join(source, 'examples/why_not.json');
-const run = kltce(tool, ['run', '--document', documentFile, '--profile', path.join(source, 'examples/profile.json'),
-  '--events', path.join(source, 'examples/events.jsonl'), '--fresh', '--explain', '--trace', trace, '--html', html]);
+const run = kltce(tool, ['run', '--document', 'examples/why_not.json', '--profile', 'examples/profile.json',
+  '--events', 'examples/events.jsonl', '--fresh', '--explain', '--trace', trace, '--html', html], { cwd: source, env: { SOURCE_DATE_EPOCH: '1795338000' } });
 const expected = {
   ids: JSON.parse(fs.readFileSync(documentFile, 'utf8')).configs.map((c) => c._id),
   records: fs.readFileSync(trace, 'utf8').split('\n').filter(Boolean).map((l) => JSON.parse(l)),

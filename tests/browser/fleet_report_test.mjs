@@ -7,26 +7,29 @@ import { argsOf, openBrowser, openReport, readPage, report, screenshot } from '.
 import { checkFleet } from './fleet_checks.mjs';
 import { kltce } from './run_tool.mjs';
 
-const { kltce: tool, source, out } = argsOf(process.argv.slice(2));
+const args = argsOf(process.argv.slice(2));
+// The tool runs in the repository with the paths a person types (the header shows them).
+const tool = path.resolve(args.kltce), source = path.resolve(args.source), out = path.resolve(args.out);
 fs.mkdirSync(out, { recursive: true });
-const document = path.join(source, 'examples/campaigns.json');
-const fleet = ['fleet', '--document', document, '--fleet', path.join(source, 'examples/fleet/fleet.jsonl')];
+const document = 'examples/campaigns.json';
+const fleet = ['fleet', '--document', document, '--fleet', 'examples/fleet/fleet.jsonl'];
 const env = { SOURCE_DATE_EPOCH: '1795338000' };
+const run = (argv, options = {}) => kltce(tool, argv, { cwd: source, ...options });
 const html = path.join(out, 'fleet_report.html');
 
-const summary = JSON.parse(kltce(tool, [...fleet, '--workers', '1', '--format', 'json']).stdout);
-const table = kltce(tool, [...fleet, '--workers', '2']).stdout;
-const withHtml = kltce(tool, [...fleet, '--workers', '2', '--html', html], { env }).stdout;
+const summary = JSON.parse(run([...fleet, '--workers', '1', '--format', 'json']).stdout);
+const table = run([...fleet, '--workers', '2']).stdout;
+const withHtml = run([...fleet, '--workers', '2', '--html', html], { env }).stdout;
 const failures = [];
 if (withHtml !== table) failures.push('the table printed with --html differs from the one without');
 // Shards merged make the same report, header aside (run at / merged at).
 const parts = [0, 1].map((i) => {
   const file = path.join(out, `fleet_part${i}.json`);
-  fs.writeFileSync(file, kltce(tool, [...fleet, '--workers', '1', '--shard', `${i}/2`, '--format', 'json']).stdout);
+  fs.writeFileSync(file, run([...fleet, '--workers', '1', '--shard', `${i}/2`, '--format', 'json']).stdout);
   return file;
 });
 const merged = path.join(out, 'fleet_merged_report.html');
-kltce(tool, ['fleet', 'merge', '--document', document, '--html', merged, ...parts], { env });
+run(['fleet', 'merge', '--document', document, '--html', merged, ...parts], { env });
 const body = (file) => fs.readFileSync(file, 'utf8').replace(/<dt>(run|merged) at<\/dt>/, '');
 if (body(merged) !== body(html)) failures.push('the report of the merged shards differs from the report of one run');
 

@@ -21,6 +21,15 @@ struct Record {
 // The lanes of a timeline, top to bottom; conditions take the lanes after kLaneConditions.
 enum Lane : std::size_t { kLaneAdmission, kLaneFold, kLaneRefused, kLaneDisplay, kLaneConditions };
 
+// What the colours of the marks mean (toneOf()).
+constexpr std::string_view kLegend =
+    "<p class=\"lg\"><svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b1\"/></svg> admitted, count reached, "
+    "fold true, dispatched <svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b0\"/></svg> counted "
+    "<svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b4\"/></svg> trigger fired, armed, timer ended "
+    "<svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b2\"/></svg> outside the window "
+    "<svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b3\"/></svg> rejected, cap blocked "
+    "<svg width=10 height=10><circle cx=5 cy=5 r=4 class=\"b5\"/></svg> built, fold false, display counted</p>";
+
 std::size_t laneOf(const Record& r) {
   if (r.kind == "fold_evaluated") return kLaneFold;
   if (r.kind == "window_closed" || r.kind == "cap_blocked") return kLaneRefused;
@@ -110,6 +119,7 @@ void appendCampaign(std::string& out, const CampaignOutcome& outcome, const std:
   out += "<figure data-fig=\"timeline\"><figcaption>Timeline</figcaption>";
   appendTimeline(out, "timeline", id + ": the engine's decisions over the stream's lines", lanes, 0,
                  static_cast<double>(std::max<int64_t>(lastLine, 1)), "stream line", marks);
+  out += kLegend;
   out += "</figure><table data-table=\"decisions\"><caption>Decisions (" + std::to_string(records.size()) +
          ")</caption><thead><tr><th scope=\"col\">seq</th><th scope=\"col\">line</th><th scope=\"col\">time</th>"
          "<th scope=\"col\">decision</th><th scope=\"col\">condition</th><th scope=\"col\">values</th></tr></thead><tbody>";

@@ -27,11 +27,11 @@ text.e{text-anchor:end}text.m{text-anchor:middle}
 thead th{border-bottom:1px solid #b9c0cc}
 svg text{font-size:11px;fill:#1d2430}
 svg .ax{stroke:#8d96a8;fill:none}svg .mk{stroke:#c0392b;stroke-dasharray:4 3;fill:none}tbody th{font-weight:normal}svg text.mk{fill:#c0392b;stroke:none}
-rect.bar,.b0{fill:#3d6fb6}.b1{fill:#5a9e6f}.b2{fill:#e0a030}.b3{fill:#c0392b}.b4{fill:#8e6cc0}.b5{fill:#7d8799}
+.bar,.b0{fill:#3d6fb6}.b1{fill:#5a9e6f}.b2{fill:#e0a030}.b3{fill:#c0392b}.b4{fill:#8e6cc0}.b5{fill:#7d8799}
 .why{background:#fdf0e8;border-left:4px solid #e0a030;padding:4px 8px;margin:4px 0 8px}
 .fired{background:#eaf5ee;border-left:4px solid #5a9e6f;padding:4px 8px;margin:4px 0 8px}
 .vals{font-family:ui-monospace,monospace;font-size:11px;word-break:break-all;max-width:720px}
-nav{columns:4 220px;font-size:12px;margin-bottom:8px}
+.lg{font-size:11px;color:#56607a;margin:0 0 6px}
 )";
 
 }  // namespace
