@@ -23,6 +23,11 @@ const expected = {
   summary: explainSummary(run.stderr),
 };
 const failures = [];
+// The records pass through to --trace's file: the same file as a run without --html writes.
+const plainTrace = path.join(out, 'explain_trace_plain.jsonl');
+kltce(tool, ['run', '--document', 'examples/why_not.json', '--profile', 'examples/profile.json',
+  '--events', 'examples/events.jsonl', '--fresh', '--trace', plainTrace], { cwd: source });
+if (fs.readFileSync(plainTrace, 'utf8') !== fs.readFileSync(trace, 'utf8')) failures.push('--html changed the --trace file');
 if (Object.keys(expected.summary).length !== expected.ids.length) failures.push('--explain printed no summary for every campaign');
 
 const browser = await openBrowser();
