@@ -240,6 +240,11 @@ static int runCommand(int argc, char** argv) {
       std::cerr << "kltce: --html: " << error << '\n';
       return kExitUsage;
     }
+    // A page that cannot be written stops the run before the replay, not after it.
+    if (!std::ofstream(explainHtml, std::ios::out | std::ios::trunc)) {
+      std::cerr << "kltce: --html: cannot write '" << explainHtml << "': " << std::strerror(errno) << '\n';
+      return kExitUsage;
+    }
     reportFacts = {facts->name, facts->sha256, profile, events, kltce::reportTimeText(kltce::reportMoment()), toolVersion};
     traceTo = &reportTrace;
   }
