@@ -138,7 +138,7 @@ TEST(HtmlReport, ReplayReportPutsWhyNotFirstAndOneMarkPerRecord) {
             std::string::npos);
   EXPECT_LT(html.find("data-outcome=\"count_short\""), html.find("<tr data-seq=\"3\">"));
   EXPECT_EQ(occurrences(html, "<tr data-seq="), 4u);
-  EXPECT_EQ(occurrences(html, "<circle "), 4u);
+  EXPECT_EQ(occurrences(html, "class=\"mark "), 4u);
   EXPECT_NE(html.find(">condition 0</text>"), std::string::npos);
   EXPECT_EQ(html.find("data-seq=\"9\""), std::string::npos);
 
@@ -146,7 +146,7 @@ TEST(HtmlReport, ReplayReportPutsWhyNotFirstAndOneMarkPerRecord) {
   std::string many;
   for (std::size_t i = 0; i < kltce::kMaxRecords + 3; ++i) many += record(static_cast<int>(i + 1), "event_counted", "short", 1);
   const std::string big = kltce::explainReportHtml(many, {outcomes[1]}, {});
-  EXPECT_EQ(occurrences(big, "<circle "), kltce::kMaxRecords);
+  EXPECT_EQ(occurrences(big, "class=\"mark "), kltce::kMaxRecords);
   EXPECT_NE(big.find("3 more decisions"), std::string::npos);
 }
 
