@@ -38,6 +38,9 @@ const fleetFaults = [
   ['bar out of proportion', after('data-chart="funnel"', /(<rect x=\d+ y=\d+ width=)(\d+)( height=14 class="bar b0")/, (_, h, w, t) => `${h}${Number(w) + 20}${t}`), /bar \d+ is \d/],
   ['campaign left out', after('<section', /<section[^]*?<\/section>\n/, ''), /is missing/],
   ['request leaving the page', after('</main>', /<\/main>/, '</main><img src="http://127.0.0.1:9/pixel.png" alt="">'), /request leaving the page|console error/],
+  // Without the page's own policy the request is made, and the route refuses and records it.
+  ['request, policy removed', (h) => after('</main>', /<\/main>/, '</main><img src="http://127.0.0.1:9/pixel.png" alt="">')(
+    h.replace(/<meta http-equiv="Content-Security-Policy"[^>]*>/, '')), /^request leaving the page: http:\/\/127.0.0.1:9\/pixel.png/],
   ['script error', after('</main>', /<\/main>/, '</main><script>throw new Error("planted")</script>'), /console error|page error/],
 ];
 const explainFaults = [
