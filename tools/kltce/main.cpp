@@ -24,12 +24,15 @@
 #include "tools/kltce/check.h"
 #include "tools/kltce/check_compare.h"
 #include "tools/kltce/explain.h"
+#include "tools/kltce/explain_report_command.h"
 #include "tools/kltce/fleet_compare.h"
 #include "tools/kltce/fleet_command.h"
+#include "tools/kltce/fleet_report_command.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/macros.h"
 #include "tools/kltce/profile.h"
 #include "tools/kltce/replay.h"
+#include "tools/kltce/report_facts.h"
 #include "tools/kltce/state_command.h"
 #include "tools/kltce/time_text.h"
 
@@ -76,8 +79,9 @@ bool readInstantOption(const std::string& name, const std::string& text, std::op
 static int runCommand(int argc, char** argv) {
   CLI::App app{"kltce: replay event streams against campaign documents, check documents, expand placeholders"};
   app.require_subcommand(1);
-  app.set_version_flag("--version", std::string("kltce ") + KLTCE_TOOL_VERSION + " (KLTContextEvaluator library " +
-                                        KLTContextEvaluatorVersionString + ")");
+  const std::string toolVersion = std::string("kltce ") + KLTCE_TOOL_VERSION + " (KLTContextEvaluator library " +
+                                  KLTContextEvaluatorVersionString + ")";
+  app.set_version_flag("--version", toolVersion);
 
   std::string document, profile, events = "-", state, tz, start, at;
   bool fresh = false, autoShown = false, strict = false, json = false, requireAdmitted = false;
@@ -96,8 +100,11 @@ static int runCommand(int argc, char** argv) {
   run->add_flag("--strict", strict, "stop at the first bad line");
   bool explain = false;
   std::string trace, format = "json";
-  run->add_flag("--explain", explain, "after the replay, tell per campaign what the engine decided and why it did not fire (standard error)");
+  auto* explainOpt = run->add_flag("--explain", explain, "after the replay, tell per campaign what the engine decided and why it did not fire (standard error)");
   auto* traceOpt = run->add_option("--trace", trace, "write every decision record to FILE as JSON Lines");
+  std::string explainHtml;
+  auto* explainHtmlOpt = run->add_option("--html", explainHtml, "with --explain: also write it as an HTML page to FILE (a timeline per campaign)")
+                             ->needs(explainOpt);
   run->add_option("--format", format, "display events as json (JSON Lines, the default) or text (an aligned table)")
       ->check(CLI::IsMember({"json", "text"}));
 
@@ -132,16 +139,31 @@ static int runCommand(int argc, char** argv) {
   auto* fleetMerge = fleet->add_subcommand("merge", "add up the JSON summaries of fleet runs (shards) into one");
   fleetMerge->add_option("summaries", fleetCommand.mergeFiles, "JSON summaries of `kltce fleet --format json`")->required();
   fleetMerge->add_option("--format", fleetCommand.format, "table (the default) or json")->check(CLI::IsMember({"table", "json"}));
+  std::string fleetHtml;
+  fleet->add_option("--html", fleetHtml, "also write the summary as an HTML report (charts and tables per campaign) to FILE");
+  fleetMerge->add_option("--html", fleetHtml, "also write the sum as an HTML report to FILE");
+  fleetMerge->add_option("--document", fleetCommand.document, "the campaign document, named with its SHA-256 in --html's header");
 
   CLI11_PARSE(app, argc, argv);
 
   if (fleet->parsed()) {
-    if (fleetMerge->parsed() && kltce::mergesComparisons(fleetCommand.mergeFiles)) {
+    const bool comparison =
+        fleetMerge->parsed() ? kltce::mergesComparisons(fleetCommand.mergeFiles) : !fleetCommand.compare.empty();
+    if (comparison && !fleetHtml.empty()) {
+      std::cerr << "kltce: fleet: --html: the report of a comparison is not made yet; leave out --html or --compare\n";
+      return kltce::kExitUsage;
+    }
+    if (fleetMerge->parsed() && comparison) {
       return kltce::runComparisonMerge(fleetCommand.mergeFiles, fleetCommand.format, std::cout, std::cerr);
     }
-    if (fleetMerge->parsed()) return kltce::runFleetMerge(fleetCommand, std::cout, std::cerr);
+    if (fleetMerge->parsed()) {
+      return fleetHtml.empty() ? kltce::runFleetMerge(fleetCommand, std::cout, std::cerr)
+                               : kltce::runFleetWithHtml(fleetCommand, true, fleetHtml, toolVersion, std::cout, std::cerr);
+    }
     fleetCommand.progress = ::isatty(STDERR_FILENO) == 1;
-    const int code = kltce::runFleetCommand(fleetCommand, std::cout, std::cerr);
+    const int code = fleetHtml.empty()
+                         ? kltce::runFleetCommand(fleetCommand, std::cout, std::cerr)
+                         : kltce::runFleetWithHtml(fleetCommand, false, fleetHtml, toolVersion, std::cout, std::cerr);
     // A queue held for good by a timer that never ends: ending normally could wait for it.
     if (code == kltce::kExitBlocked) {
       std::cout.flush();
@@ -227,14 +249,39 @@ static int runCommand(int argc, char** argv) {
       return kExitUsage;
     }
   }
+  // --html: the records pass through reportTrace on their way to --trace's file, if any.
+  kltce::ExplainReportFacts reportFacts;
+  kltce::ReportTrace reportTrace(traceOpt->count() ? &traceFile : nullptr);
+  std::vector<kltce::CampaignOutcome> outcomes;
+  std::ostream* traceTo = traceOpt->count() ? &traceFile : nullptr;
+  if (explainHtmlOpt->count()) {
+    std::string error;
+    const auto facts = kltce::documentFacts(document, error);
+    if (!facts) {
+      std::cerr << "kltce: --html: " << error << '\n';
+      return kExitUsage;
+    }
+    // A page that cannot be written stops the run before the replay, not after it.
+    if (!std::ofstream(explainHtml, std::ios::out | std::ios::trunc)) {
+      std::cerr << "kltce: --html: cannot write '" << explainHtml << "': " << std::strerror(errno) << '\n';
+      return kExitUsage;
+    }
+    reportFacts = {facts->name, facts->sha256, profile, events, kltce::reportTimeText(kltce::reportMoment()), toolVersion};
+    traceTo = &reportTrace;
+  }
   // The engine's log goes out in blocks; the replay flushes it before each message of its own.
   kltce::ScopedBufferedLog log;
   const kltce::ReplayResult result =
       explain || traceOpt->count()
-          ? kltce::runReplayWithDecisions(std::move(replayOptions), {explain, traceOpt->count() ? &traceFile : nullptr},
-                                          *in, std::cout, std::cerr, std::cerr)
+          ? kltce::runReplayWithDecisions(std::move(replayOptions), {explain, traceTo}, *in, std::cout, std::cerr,
+                                          std::cerr, explainHtmlOpt->count() ? &outcomes : nullptr)
           : kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
   log.flush();
+  if (explainHtmlOpt->count() && !result.queueBlocked &&
+      !kltce::writeExplainReport(explainHtml, reportTrace, outcomes, reportFacts, std::cerr) &&
+      result.exitCode == kltce::kExitOk) {
+    return kExitUsage;
+  }
   // A task that threw on the engine's queue was logged and skipped there; the run is not sound.
   if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
     if (*failure == std::bad_alloc().what()) throw std::bad_alloc();

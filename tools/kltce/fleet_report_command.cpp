@@ -1,0 +1,72 @@
+#include "tools/kltce/fleet_report_command.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tools/kltce/fleet_html.h"
+#include "tools/kltce/json_text.h"
+#include "tools/kltce/replay.h"
+#include "tools/kltce/report_facts.h"
+
+namespace kltce {
+
+int runFleetWithHtml(FleetCommand command, bool merge, const std::string& html, const std::string& toolVersion,
+                     std::ostream& out, std::ostream& err) {
+  const auto fail = [&](const std::string& message) {
+    err << "kltce: fleet: --html: " << message << '\n';
+    return kExitUsage;
+  };
+  FleetReportFacts facts;
+  facts.whenLabel = merge ? "merged at" : "run at";
+  facts.when = reportTimeText(reportMoment());
+  facts.toolVersion = toolVersion;
+  if (!command.document.empty()) {
+    std::string error;
+    const auto document = documentFacts(command.document, error);
+    // Without merge, the command itself names an unreadable document.
+    if (!document && merge) return fail(error);
+    if (document) {
+      facts.document = document->name;
+      facts.documentHash = document->sha256;
+    }
+  }
+  std::ofstream file(html, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (!file) return fail("cannot write '" + html + "': " + std::strerror(errno));
+
+  const std::string format = command.format;
+  command.format = "json";
+  std::ostringstream json;
+  const int code = merge ? runFleetMerge(command, json, err) : runFleetCommand(command, json, err);
+  if (code != kExitOk) {
+    out << json.str();
+    file.close();
+    std::remove(html.c_str());
+    return code;
+  }
+  const std::string text = json.str();
+  JsonResult parsed = parseJson(text);
+  std::string error;
+  const auto summary = parsed.ok() ? FleetSummary::fromJson(parsed.value, error) : std::nullopt;
+  if (!summary) {
+    err << "kltce: fleet: --html: the summary does not read back: " << (parsed.ok() ? error : parsed.error) << '\n';
+    return kExitFailed;
+  }
+  file << fleetReportHtml(*summary, facts);
+  file.close();
+  if (!file) {
+    err << "kltce: fleet: --html: writing '" << html << "' failed\n";
+    return kExitFailed;
+  }
+  if (format == "json") {
+    out << text;
+  } else {
+    summary->writeTable(out);
+  }
+  out.flush();
+  return kExitOk;
+}
+
+}  // namespace kltce
