@@ -6,33 +6,40 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "platform/KLTKeyIndex.h"
 #include "platform/KLTSerialQueue.h"
 #include "platform/KLTValue.h"
 
 // The index of an event's attributes, made by the first rule that looks one up and kept for the
-// others: an event reaches every condition and trigger listening for it. Safe from any thread (two
-// first lookups at once each build one; one is kept). A copy starts without an index.
+// others: an event reaches every condition and trigger listening for it. It lives inside the event
+// (no allocation for a handful of attributes). Safe from any thread: a lookup that meets another
+// thread building it waits for that to end (a few nanoseconds). A copy starts without an index.
 class KLTLazyKeyIndex {
  public:
   KLTLazyKeyIndex() = default;
   KLTLazyKeyIndex(const KLTLazyKeyIndex&) noexcept {}
   KLTLazyKeyIndex& operator=(const KLTLazyKeyIndex&) = delete;
-  ~KLTLazyKeyIndex() { delete index_.load(std::memory_order_relaxed); }
   // The index of dictionary, which must be the same value at every call for this object.
   const klt::KLTKeyIndex& of(const KLTValue& dictionary) const {
-    if (const klt::KLTKeyIndex* built = index_.load(std::memory_order_acquire)) return *built;
-    auto* made = new klt::KLTKeyIndex(dictionary);
-    const klt::KLTKeyIndex* expected = nullptr;
-    if (index_.compare_exchange_strong(expected, made, std::memory_order_acq_rel)) return *made;
-    delete made;
-    return *expected;
+    uint8_t state = state_.load(std::memory_order_acquire);
+    if (state == kReady) return *index_;
+    if (state == kNone && state_.compare_exchange_strong(state, kBuilding, std::memory_order_acq_rel)) {
+      index_.emplace(dictionary);
+      state_.store(kReady, std::memory_order_release);
+      return *index_;
+    }
+    while (state_.load(std::memory_order_acquire) != kReady) std::this_thread::yield();
+    return *index_;
   }
 
  private:
-  mutable std::atomic<const klt::KLTKeyIndex*> index_{nullptr};
+  static constexpr uint8_t kNone = 0, kBuilding = 1, kReady = 2;
+  mutable std::atomic<uint8_t> state_{kNone};
+  mutable std::optional<klt::KLTKeyIndex> index_;
 };
 
 // Host event codes.

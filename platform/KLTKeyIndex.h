@@ -1,11 +1,14 @@
 // KLTKeyIndex: the entries of one dictionary looked up by key through a hash computed once per key,
 // so that many rules asking one dictionary for their keys cost a hash probe each instead of a scan
 // of its entries (an event's attributes are asked by every condition and trigger it reaches).
+// Up to kInline entries are held in the index itself, so indexing a small dictionary allocates
+// nothing.
 //
 // The index points into the dictionary it was built from: the dictionary must outlive it and stay
 // unchanged. Immutable once built; may be read from any thread.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -34,6 +37,8 @@ struct HashedKey {
 
 class KLTKeyIndex {
  public:
+  static constexpr std::size_t kInline = 8;
+
   // Indexes a dictionary; any other value gives an index of nothing (isDictionary() false).
   explicit KLTKeyIndex(const KLTValue& dictionary);
 
@@ -47,7 +52,9 @@ class KLTKeyIndex {
     const std::string* key;
     const KLTValue* value;
   };
-  std::vector<Entry> entries_;  // sorted by hash
+  std::array<Entry, kInline> inline_{};  // a small dictionary's entries, in its order
+  std::size_t size_ = 0;
+  std::vector<Entry> sorted_;  // a larger one's, sorted by hash
   bool dictionary_ = false;
 };
 
