@@ -104,13 +104,13 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
       usage(err, "--state: '" + command.state + "' is not a counters file");
       return false;
     }
-    std::string error;
-    auto store = openStateStore(command.state, false, error);
-    if (!store) {
-      usage(err, "--state: " + error);
+    // Only read: a damaged or busy file is refused and left as it is, and a read-only one will do.
+    const KLTUserDefaults store(command.state, nullptr, KLTStoreAccess::ReadOnly);
+    if (!store.unusable().empty()) {
+      usage(err, "--state: " + store.unusable());
       return false;
     }
-    options.counters = store->sharedDictionaryForKey(kKLTFrequencyStoreKey);
+    options.counters = store.sharedDictionaryForKey(kKLTFrequencyStoreKey);
   }
   return true;
 }

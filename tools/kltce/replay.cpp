@@ -16,6 +16,7 @@
 #include "host/KLTUtilities.h"
 #include "platform/KLTDrainedSerialQueue.h"
 #include "platform/KLTLog.h"
+#include "platform/KLTStoreLock.h"
 #include "platform/KLTVirtualClock.h"
 #include "tools/kltce/analysis.h"
 #include "tools/kltce/display_table.h"
@@ -376,6 +377,10 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
     error = "the state path " + shownPath + " is a folder; --state takes a file name";
     return nullptr;
   }
+  if (fs::exists(path, ec) && !fs::is_regular_file(path, ec)) {
+    error = "the state path " + shownPath + " is not a regular file (a pipe or a device); --state takes a file";
+    return nullptr;
+  }
   const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
   fs::create_directories(folder, ec);
   if (ec || !fs::is_directory(folder)) {
@@ -397,6 +402,12 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
       return nullptr;
     }
   }
+  // The lock comes before a reset, so that a second run cannot remove the file a first one writes.
+  auto lock = KLTStoreLock::acquire(path, why);
+  if (!lock) {
+    error = "the state file " + shownPath + " is in use: " + why + "; run one replay per state file at a time";
+    return nullptr;
+  }
   if (fresh) {
     for (const auto& file : {path, wal, shm}) {
       fs::remove(file, ec);
@@ -406,7 +417,18 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
       }
     }
   }
-  return std::make_shared<KLTUserDefaults>(path);
+  // The store keeps its lock for as long as anyone holds it (the engine may, to the end of the process).
+  struct Locked {
+    Locked(std::unique_ptr<KLTStoreLock> l, const fs::path& p) : lock(std::move(l)), store(p) {}
+    std::unique_ptr<KLTStoreLock> lock;
+    KLTUserDefaults store;
+  };
+  auto locked = std::make_shared<Locked>(std::move(lock), path);
+  if (!locked->store.unusable().empty()) {
+    error = locked->store.unusable();
+    return nullptr;
+  }
+  return std::shared_ptr<KLTUserDefaults>(locked, &locked->store);
 }
 
 ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ostream& out, std::ostream& err) {
