@@ -27,6 +27,7 @@
 
 #include "platform/KLTSharedMap.h"
 #include "platform/KLTValue.h"
+#include "tools/kltce/fleet_identity.h"
 #include "tools/kltce/fleet_summary.h"
 
 namespace kltce {
@@ -77,6 +78,8 @@ struct FleetOptions {
   std::function<std::optional<FleetRange>()> nextRange;
   // Called after each device replayed, with the totals so far (progress).
   std::function<void(uint64_t devices, uint64_t events)> onDevice;
+  // What the run is of, written beside its summary (not read by the replay).
+  FleetIdentity identity;
 };
 
 struct FleetResult {

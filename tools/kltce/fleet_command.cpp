@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -52,9 +53,12 @@ int usage(std::ostream& err, const std::string& message) {
   return kExitUsage;
 }
 
-void writeSummary(const FleetSummary& summary, const std::string& format, std::ostream& out) {
+void writeSummary(const FleetSummary& summary, const std::string& format, const FleetIdentity& identity,
+                  std::ostream& out) {
   if (format == "json") {
-    out << summary.toJson().dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
+    KLTValue json = summary.toJson();
+    json["part"] = identity.toJson();
+    out << json.dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
   } else {
     summary.writeTable(out);
   }
@@ -112,6 +116,8 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
     }
     options.counters = store.sharedDictionaryForKey(kKLTFrequencyStoreKey);
   }
+  options.identity = fleetIdentity(options.document, command.fleet, options.counters, options.autoShown,
+                                   options.shard.index, options.shard.count);
   return true;
 }
 
@@ -140,25 +146,35 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   }
   FleetProgressLine line(err);
   if (command.progress) options.onDevice = [&](uint64_t devices, uint64_t events) { line.show(devices, events); };
-  FleetResult result = replayFleet(options, in);
+  // A pipe is known by what comes through it, read once.
+  FleetEndsTap tap(*in.rdbuf());
+  std::istream tapped(&tap);
+  const bool piped = !fs::is_regular_file(command.fleet, ec);
+  FleetResult result = replayFleet(options, piped ? tapped : in);
+  if (piped) tap.into(options.identity);
   if (command.progress) {
     line.show(result.summary.devices(), result.summary.events(), true);
     line.end();
   }
-  return finishFleet({result}, command.format, out, err);
+  return finishFleet({result}, command.format, options.identity, out, err);
 }
 
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err) {
   FleetSummary sum;
+  std::optional<FleetIdentity> whole;
   for (const std::string& file : command.mergeFiles) {
     JsonResult json = loadJsonFile(file);
     if (!json.ok()) return usage(err, "merge: " + json.error);
     std::string error;
     const auto part = FleetSummary::fromJson(json.value, error);
     if (!part) return usage(err, "merge: '" + file + "': " + error);
-    sum.merge(*part);
+    const auto identity = FleetIdentity::fromJson(klt::valueForKey(json.value, "part"), error);
+    if (!identity) return usage(err, "merge: '" + file + "': " + error);
+    if (whole ? !whole->add(*identity, error) : !(whole = identity)) return usage(err, "merge: '" + file + "': " + error);
+    if (!sum.mergeChecked(*part, error)) return usage(err, "merge: '" + file + "': " + error);
   }
-  writeSummary(sum, command.format, out);
+  whole->normalize();
+  writeSummary(sum, command.format, *whole, out);
   return kExitOk;
 }
 
@@ -191,8 +207,8 @@ bool fleetResultFromText(std::string_view text, FleetResult& result, std::string
   return true;
 }
 
-int finishFleet(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
-                std::ostream& err) {
+int finishFleet(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
+                std::ostream& out, std::ostream& err) {
   const FleetResult* first = nullptr;
   for (const FleetResult& r : results) {
     if (r.exitCode == kExitOk) continue;
@@ -207,7 +223,7 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
   }
   FleetSummary sum;
   for (const FleetResult& r : results) sum.merge(r.summary);
-  writeSummary(sum, format, out);
+  writeSummary(sum, format, identity, out);
   return kExitOk;
 }
 

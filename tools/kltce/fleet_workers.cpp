@@ -283,7 +283,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
   if (!command.csv.empty() && !gatherCsvParts(command.csv, workers, csvSlices(workers, pieces, shared), err)) {
     return kExitFailed;
   }
-  return finishFleet(results, command.format, out, err);
+  return finishFleet(results, command.format, options.identity, out, err);
 }
 
 }  // namespace kltce

@@ -104,7 +104,7 @@ int main(int argc, char** argv) {
       }
     }
     if (!command.csv.empty() && !kltce::gatherCsvParts(command.csv, texts.size(), std::cerr)) code = kltce::kExitFailed;
-    if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, std::cout, std::cerr);
+    if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, options.identity, std::cout, std::cerr);
   }
   MPI_Bcast(&code, 1, MPI_INT, 0, MPI_COMM_WORLD);
   finish(code);
