@@ -152,6 +152,10 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   const bool piped = !fs::is_regular_file(command.fleet, ec);
   FleetResult result = replayFleet(options, piped ? tapped : in);
   if (piped) tap.into(options.identity);
+  if (csv.is_open() && !csv.flush() && result.exitCode == kExitOk) {
+    result.exitCode = kExitFailed;
+    result.error = "--csv: writing '" + command.csv + "' failed: " + std::strerror(errno);
+  }
   if (command.progress) {
     line.show(result.summary.devices(), result.summary.events(), true);
     line.end();

@@ -181,6 +181,10 @@ bool writeAll(int fd, std::string_view text) {
   if (result.exitCode != kExitOk) shared.stop(piece.value_or(0));
   putRows();
   csv.close();
+  if (!command.csv.empty() && !csv && result.exitCode == kExitOk) {
+    result.exitCode = kExitFailed;
+    result.error = "--csv: writing '" + csvPart + "' failed: " + std::strerror(errno);
+  }
   const bool written = writeAll(fd, fleetResultText(result));
   ::close(fd);
   // No destructor or exit handler of the parent's objects runs in the child.

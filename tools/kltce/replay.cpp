@@ -474,7 +474,10 @@ ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ost
   bool going = replay.startUp();
   if (going && first) going = replay.line(*first, *firstParsed);
   while (going && lines.next(number, parsed)) going = replay.line(number, parsed);
-  if (lines.failed() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
+  if (lines.failed() && going) {
+    replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
+    if (replay.result.exitCode == kExitOk) replay.result.exitCode = kExitFailed;
+  }
   replay.finish();
   replay.result.lines = number;
   // The engine logs each save that fails and goes on with the counters in memory. Once it is idle,

@@ -1,0 +1,35 @@
+# The kltce tool when the machine misbehaves: output that cannot be written, streams that cannot be
+# read, mistakes on the command line. Each case runs the tool from a shell (kltce_shell) so that
+# its standard streams can be closed or sent to a full device.
+if(NOT TARGET kltce)
+  return()
+endif()
+
+# kltce_shell(<name> <sh command line, $TOOL the tool> <exit status> <standard error regex>)
+function(kltce_shell name script rc err)
+  add_test(NAME kltce_e2e_${name} COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:kltce> "-DSCRIPT=${script}"
+    -DEXPECT_RC=${rc} "-DEXPECT_ERR=${err}" -P ${kltce_data}/shell_case.cmake)
+  set_tests_properties(kltce_e2e_${name} PROPERTIES LABELS e2e)
+endfunction()
+
+set(doc ${kltce_examples}/campaigns.json)
+set(prof ${kltce_examples}/profile.json)
+set(run_kept "\"$TOOL\" run --document ${doc} --profile ${prof}")
+set(run "${run_kept} --fresh")
+set(fleet "\"$TOOL\" fleet --document ${doc} --fleet ${kltce_examples}/fleet/fleet.jsonl --workers 1")
+set(unwritten "kltce: writing standard output failed")
+
+# Every command's output: to a full device, or to a closed standard output.
+kltce_shell(full_stdout_run "${run} --events ${kltce_examples}/events.jsonl >/dev/full" 4 "${unwritten} \\(is the device full")
+kltce_shell(closed_stdout_check "\"$TOOL\" check --document ${doc} --profile ${prof} >&-" 4 "${unwritten}: standard output is closed")
+kltce_shell(full_stdout_macros "\"$TOOL\" macros --profile ${prof} hello >/dev/full" 4 "${unwritten}")
+kltce_shell(full_stdout_fleet "${fleet} >/dev/full" 4 "${unwritten}")
+kltce_shell(full_stdout_merge "\"$TOOL\" fleet merge ${kltce_examples}/fleet/summary.json >/dev/full" 4 "${unwritten}")
+kltce_shell(full_trace "${run} --events ${kltce_examples}/events.jsonl --trace /dev/full >/dev/null" 4 "kltce: --trace: writing '/dev/full' failed")
+kltce_shell(full_csv "${fleet} --csv /dev/full >/dev/null" 4 "kltce: fleet: --csv: writing '/dev/full' failed")
+# An event stream that cannot be read.
+kltce_shell(events_folder "${run} --events ${kltce_examples}" 2 "kltce: events: '[^']*' is a folder")
+kltce_shell(events_closed_stdin "${run} <&-" 2 "kltce: events: standard input is closed")
+# Without a place for the per-user store, the run says that its counters are not kept.
+kltce_shell(no_state_location "env -u HOME -u XDG_STATE_HOME -u KLTCE_STATE_DIR ${run_kept} --events ${kltce_examples}/events.jsonl >/dev/null"
+  0 "kltce: note: KLTCE_STATE_DIR, XDG_STATE_HOME and HOME are all unset: the counters of this run are not kept")
