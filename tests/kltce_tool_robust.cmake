@@ -33,3 +33,24 @@ kltce_shell(events_closed_stdin "${run} <&-" 2 "kltce: events: standard input is
 # Without a place for the per-user store, the run says that its counters are not kept.
 kltce_shell(no_state_location "env -u HOME -u XDG_STATE_HOME -u KLTCE_STATE_DIR ${run_kept} --events ${kltce_examples}/events.jsonl >/dev/null"
   0 "kltce: note: KLTCE_STATE_DIR, XDG_STATE_HOME and HOME are all unset: the counters of this run are not kept")
+# Out of memory is status 4 with one line, not an abort. (Not under the sanitizers: their shadow
+# memory does not fit a limit on the address space.)
+if(KLTCE_MIMALLOC)
+  kltce_shell(out_of_memory "ulimit -v 400000; head -c 300000000 /dev/zero | \"$TOOL\" macros --profile ${prof} >/dev/null"
+    4 "kltce: out of memory")
+endif()
+# A pipe where a file is needed is refused at once, never opened (opening it would wait for a writer).
+set(fifo ${kltce_scratch}/fifo)
+set(make_fifo "rm -rf ${fifo} && mkdir -p ${fifo} && mkfifo ${fifo}/p && echo '{\"action\": \"parse\", \"file\": \"p\"}' > ${fifo}/events.jsonl")
+foreach(row "document|\"$TOOL\" check --document ${fifo}/p --profile ${prof}|2|kltce: document: cannot read '[^']*p': it is not a regular file"
+            "profile|\"$TOOL\" check --document ${doc} --profile ${fifo}/p|2|kltce: profile: cannot read '[^']*p': it is not a regular file"
+            "state|${run_kept} --state ${fifo}/p --events ${kltce_examples}/events.jsonl|2|kltce: the state path '[^']*p' is not a regular file"
+            "parse_file|${run} --events ${fifo}/events.jsonl|0|kltce: line 1: cannot read '[^']*p': it is not a regular file")
+  string(REPLACE "|" ";" row "${row}")
+  list(GET row 0 name)
+  list(GET row 1 command)
+  list(GET row 2 rc)
+  list(GET row 3 err)
+  kltce_shell(fifo_${name} "${make_fifo} && ${command}" ${rc} "${err}")
+  set_tests_properties(kltce_e2e_fifo_${name} PROPERTIES RESOURCE_LOCK kltce_fifo TIMEOUT 20)
+endforeach()
