@@ -287,3 +287,57 @@ TEST(FleetMerge, RefusesPartsThatAreNotOfOneRun) {
 }
 
 }  // namespace
+
+namespace {
+
+// A stream that counts what is asked of it: the calls that fetch more bytes, and the bytes given.
+class CountingBuf final : public std::stringbuf {
+ public:
+  explicit CountingBuf(const std::string& text) : std::stringbuf(text) {}
+  uint64_t fetches = 0, bytes = 0;
+
+ protected:
+  std::streamsize xsgetn(char* s, std::streamsize n) override {
+    ++fetches;
+    const std::streamsize got = std::stringbuf::xsgetn(s, n);
+    bytes += static_cast<uint64_t>(got);
+    return got;
+  }
+};
+
+// A line of 4 MiB: BlockLines reads it in a number of fetches that grows with the log of its
+// length, and a piece of the file inside it reads no more than its own bytes, so that every
+// piece of a long line together cost one reading of it, whatever the number of workers.
+TEST(FleetInput, LongLinesCostTheirLength) {
+  const std::string longLine = R"({"device": "a", "t": 1, "type": "app", "name": ")" + std::string(4 << 20, 'x') + "\"}\n";
+  const std::string text = profile("a") + longLine + profile("b");
+  {
+    CountingBuf buf(text);
+    std::istream in(&buf);
+    kltce::BlockLines lines(in, UINT64_MAX, 1024);
+    std::vector<std::size_t> sizes;
+    for (std::string_view line; lines.next(line);) sizes.push_back(line.size());
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{profile("a").size() - 1, longLine.size() - 1, profile("b").size() - 1}));
+    EXPECT_LE(buf.fetches, 20u) << "a line longer than the block must not be fetched a block at a time";
+  }
+  const uint64_t lineStart = profile("a").size(), lineEnd = lineStart + longLine.size();
+  const struct {
+    uint64_t from, to;
+    std::optional<uint64_t> start;
+  } rows[] = {
+      {lineStart + 1000, lineStart + 9000, std::nullopt},         // inside the line
+      {lineEnd - 4000, lineEnd + 10, std::nullopt},               // the end of it: b's line follows one before the piece
+      {lineStart, lineEnd + 10, lineEnd},                         // the whole line: b's begins after it
+      {lineStart - 10, lineStart + 100000, std::nullopt},         // the long line is a's
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.from) + ".." + std::to_string(row.to));
+    CountingBuf buf(text);
+    std::istream in(&buf);
+    EXPECT_EQ(row.start, kltce::fleetRangeStart(in, row.from, row.to));
+    // The piece's bytes, and the beginning of a line starting in it, read whole or in one block.
+    EXPECT_LE(buf.bytes, row.to - row.from + 1 + (row.from < lineStart ? longLine.size() : 0) + 64 * 1024);
+  }
+}
+
+}  // namespace
