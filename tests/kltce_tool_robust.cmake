@@ -54,3 +54,31 @@ foreach(row "document|\"$TOOL\" check --document ${fifo}/p --profile ${prof}|2|k
   kltce_shell(fifo_${name} "${make_fifo} && ${command}" ${rc} "${err}")
   set_tests_properties(kltce_e2e_fifo_${name} PROPERTIES RESOURCE_LOCK kltce_fifo TIMEOUT 20)
 endforeach()
+
+# Mistakes on the command line: status 2 for every one (the argument library's own codes are
+# 104 to 114), an unknown command named as such; --help and --version are 0.
+foreach(row "unknown_command|frob|2|^kltce: unknown command 'frob' \\(commands: run, check, macros, state, fleet"
+            "unknown_state_command|state|frob|2|^kltce: unknown command 'frob' of state \\(commands: show, reset"
+            "missing_option|run|2|--document is required"
+            "option_not_a_number|run|--document|x|--profile|y|--log-level|x|2|Could not convert: --log-level = x"
+            "option_outside_its_words|fleet|--format|xml|2|--format: xml not in"
+            "option_without_value|check|--document|2|--document: 1 required"
+            "too_many_workers|fleet|--document|${doc}|--fleet|${doc}|--workers|257|2|--workers: 257 is more than 256"
+            "help|--help|0|^$"
+            "version|--version|0|^$")
+  string(REPLACE "|" ";" row "${row}")
+  list(POP_FRONT row name)
+  list(POP_BACK row err)
+  list(POP_BACK row rc)
+  string(REPLACE ";" "|" args "${row}")
+  kltce_e2e(cli_${name} ARGS ${args} EXPECT_RC ${rc} EXPECT_ERR "${err}")
+endforeach()
+
+# The generator refuses counts that are not whole numbers of 0 or more (strtoull read "-1" as
+# 2^64 - 1 and went on for good).
+foreach(args "--devices|-1" "--events|-5" "--devices|99999999999999999999999" "--seed|x")
+  string(REPLACE "|" "_" name "${args}")
+  add_test(NAME gen_fleet_refuses${name} COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:gen_fleet> "-DARGS=${args}"
+    -DEXPECT_RC=2 "-DEXPECT_ERR=^usage: gen_fleet" -P ${kltce_data}/run_case.cmake)
+  set_tests_properties(gen_fleet_refuses${name} PROPERTIES LABELS e2e TIMEOUT 20)
+endforeach()

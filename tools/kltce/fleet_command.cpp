@@ -84,6 +84,11 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
     usage(err, "--document and --fleet are needed (or: kltce fleet merge FILE...)");
     return false;
   }
+  if (command.workers > kMaxFleetWorkers) {
+    usage(err, "--workers: " + std::to_string(command.workers) + " is more than " + std::to_string(kMaxFleetWorkers) +
+                   " worker processes (each replays a share of the fleet; more than the machine's cores gain nothing)");
+    return false;
+  }
   const auto shard = parseFleetPart(command.shard);
   if (!shard) {
     usage(err, "--shard: \"" + command.shard + "\" is not I/N with 0 <= I < N");

@@ -27,6 +27,10 @@
 
 namespace kltce {
 
+// The most worker processes `--workers` takes: each holds its own engine and a share of the
+// parent's bookkeeping, and beyond the machine's cores more of them only cost.
+inline constexpr unsigned kMaxFleetWorkers = 256;
+
 struct FleetCommand {
   std::string document, fleet, state, csv;
   std::string shard = "0/1";

@@ -16,6 +16,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -128,7 +130,27 @@ static int runCommand(int argc, char** argv) {
   fleetMerge->add_option("summaries", fleetCommand.mergeFiles, "JSON summaries of `kltce fleet --format json`")->required();
   fleetMerge->add_option("--format", fleetCommand.format, "table (the default) or json")->check(CLI::IsMember({"table", "json"}));
 
-  CLI11_PARSE(app, argc, argv);
+  // A word where a command is expected is named as an unknown command, not as a missing one.
+  for (auto [parent, place] : {std::pair{static_cast<CLI::App*>(&app), 1}, std::pair{stateCmd, 2}}) {
+    if (argc <= place || (place == 2 && std::string_view(argv[1]) != "state")) continue;
+    const std::string word = argv[place];
+    std::string names;
+    bool known = false;
+    for (const auto* sub : parent->get_subcommands({})) {
+      names += (names.empty() ? "" : ", ") + sub->get_name();
+      known = known || sub->check_name(word);
+    }
+    if (word.empty() || word[0] == '-' || known) continue;
+    std::cerr << "kltce: unknown command '" << word << "'" << (place == 2 ? " of state" : "") << " (commands: " << names
+              << "; kltce --help tells more)\n";
+    return kExitUsage;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --version end here with 0; every mistake on the command line is status 2.
+    return app.exit(e) == 0 ? kltce::kExitOk : kExitUsage;
+  }
 
   if (fleet->parsed()) {
     if (fleetMerge->parsed()) return kltce::runFleetMerge(fleetCommand, std::cout, std::cerr);
