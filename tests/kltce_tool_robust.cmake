@@ -95,3 +95,10 @@ for k in $kids; do kill -0 $k 2>/dev/null && left=\"$left $k\"; done; \
 [ -n \"$left\" ] && kill $left; \
 echo \"status $rc; workers left:$left; files: $(ls ${sig} | tr '\\n' ' ')\" >&2; \
 [ $rc = 143 ] && [ -z \"$left\" ] && [ -z \"$(ls ${sig} | grep part)\" ]" 0 "status 143; workers left:;")
+
+# A second writer of a state file is refused at once while the first holds it (flock(1) stands
+# for the first run), and the file is left to the first.
+set(writers ${kltce_scratch}/writers)
+kltce_shell(second_writer_refused "rm -rf ${writers} && mkdir -p ${writers} && \
+flock ${writers}/counters.kltstore.lock ${run_kept} --state ${writers}/counters.kltstore --events ${kltce_examples}/events.jsonl"
+  2 "^kltce: the state file '[^']*counters.kltstore' is in use: another process is writing")
