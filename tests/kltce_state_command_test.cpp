@@ -5,6 +5,8 @@
 
 #include <fstream>
 #include <functional>
+#include <iostream>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "platform/KLTStoreLock.h"
 #include "platform/KLTUserDefaults.h"
 #include "testsupport/KLTTestHost.h"
+#include "testsupport/KLTTestMount.h"
 #include "tools/kltce/fleet_command.h"
 #include "tools/kltce/replay.h"
 #include "tools/kltce/time_text.h"
@@ -52,6 +55,7 @@ TEST(KltceStateCommand, StoresThatCannotBeUsedAreRefusedAndLeftInPlace) {
     const char* note;
     const char* content;  // written to the state file; nullptr: a sound store with one counter
     bool lockHeld;        // another writer holds the store
+    bool readOnly;        // the store is on a file system mounted read-only
     std::function<int(const fs::path&, std::ostream& out, std::ostream& err)> command;
     int status;
     const char* message;
@@ -71,21 +75,28 @@ TEST(KltceStateCommand, StoresThatCannotBeUsedAreRefusedAndLeftInPlace) {
     err << error;
     return opened ? 0 : 2;
   };
+  const std::string damaged = "not a store at all, but text long enough to fill a header of a database file!!";
   const std::vector<Row> rows = {
-      {"show: damaged", "not a store at all, but text long enough to fill a header of a database file!!", false,
-       kltce::runStateShow, 2, "is damaged (file is not a database); it is left as it is", false},
-      {"fleet --state: damaged", "not a store at all, but text long enough to fill a header of a database file!!",
-       false, fleetWithState, 2, "--state: the store", false},
-      {"run: damaged (moved aside by the writer)", "not a store at all, but text long enough to fill a header!!!!",
-       false, runWithState, 0, "", true},
-      {"run: another writer", nullptr, true, runWithState, 2, "is in use: another process is writing", false},
-      {"reset: another writer", nullptr, true, kltce::runStateReset, 2, "another process is writing", false},
-      {"show: another writer (readers need no lock)", nullptr, true, kltce::runStateShow, 0, "", false},
+      {"show: damaged", damaged.c_str(), false, false, kltce::runStateShow, 2,
+       "is damaged (file is not a database); it is left as it is", false},
+      {"fleet --state: damaged", damaged.c_str(), false, false, fleetWithState, 2, "--state: the store", false},
+      {"run: damaged (moved aside by the writer)", damaged.c_str(), false, false, runWithState, 0, "", true},
+      {"run: another writer", nullptr, true, false, runWithState, 2, "is in use: another process is writing", false},
+      {"reset: another writer", nullptr, true, false, kltce::runStateReset, 2, "another process is writing", false},
+      {"show: another writer (readers need no lock)", nullptr, true, false, kltce::runStateShow, 0, "", false},
+      {"show: read-only file system", nullptr, false, true, kltce::runStateShow, 0, R"("promo":{"count":1})", false},
+      {"fleet --state: read-only file system", nullptr, false, true, fleetWithState, 0, "", false},
+      {"run: read-only file system", nullptr, false, true, runWithState, 2, "Read-only file system", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.note);
     KLTTempDir dir;
-    const fs::path path = dir.path() / "counters.kltstore";
+    std::unique_ptr<KLTTestMount> mount;
+    if (row.readOnly && !(mount = std::make_unique<KLTTestMount>(1 << 20))->mounted()) {
+      std::cout << "[ SKIPPED  ] " << row.note << ": " << mount->why() << '\n';
+      continue;
+    }
+    const fs::path path = (mount ? mount->path() : dir.path()) / "counters.kltstore";
     if (row.content) {
       std::ofstream(path) << row.content;
     } else {
@@ -93,12 +104,15 @@ TEST(KltceStateCommand, StoresThatCannotBeUsedAreRefusedAndLeftInPlace) {
       store.setObject({{"promo", {{"count", 1}}}}, kKLTFrequencyStoreKey);
       ASSERT_TRUE(store.synchronize());
     }
+    if (mount) {
+      ASSERT_TRUE(mount->setReadOnly(true));
+    }
     std::string why;
     auto lock = row.lockHeld ? KLTStoreLock::acquire(path, why) : nullptr;
     ASSERT_EQ(lock != nullptr, row.lockHeld) << why;
     std::ostringstream out, err;
     EXPECT_EQ(row.command(path, out, err), row.status) << err.str();
-    EXPECT_NE(err.str().find(row.message), std::string::npos) << err.str();
+    EXPECT_NE((row.status == 0 ? out : err).str().find(row.message), std::string::npos) << out.str() << err.str();
     EXPECT_EQ(fs::exists(path.string() + ".unreadable"), row.movedAside);
     if (row.content && !row.movedAside) {
       std::ifstream in(path);
@@ -106,7 +120,8 @@ TEST(KltceStateCommand, StoresThatCannotBeUsedAreRefusedAndLeftInPlace) {
     }
     if (!row.content) {
       lock.reset();
-      EXPECT_EQ(KLTUserDefaults(path).objectForKey(kKLTFrequencyStoreKey), (KLTValue{{"promo", {{"count", 1}}}}));
+      EXPECT_EQ(KLTUserDefaults(path, nullptr, KLTStoreAccess::ReadOnly).objectForKey(kKLTFrequencyStoreKey),
+                (KLTValue{{"promo", {{"count", 1}}}}));
     }
   }
 }
