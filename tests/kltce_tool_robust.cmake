@@ -102,3 +102,12 @@ set(writers ${kltce_scratch}/writers)
 kltce_shell(second_writer_refused "rm -rf ${writers} && mkdir -p ${writers} && \
 flock ${writers}/counters.kltstore.lock ${run_kept} --state ${writers}/counters.kltstore --events ${kltce_examples}/events.jsonl"
   2 "^kltce: the state file '[^']*counters.kltstore' is in use: another process is writing")
+
+# What kltce check says of a repeated _id, the replay shows: both items stay registered and both
+# are dispatched when their conditions hold (line 3), sharing one set of counters.
+kltce_e2e(repeated_id_dispatches_both
+  ARGS run|--document|${kltce_data}/repeated_id.json|--profile|${prof}|--events|${kltce_examples}/events.jsonl|--fresh
+  EXPECT_OUT_REGEX "^[^\n]*\"id\":\"welcome_offer\"[^\n]*\"line\":3}\n[^\n]*\"id\":\"welcome_offer\"[^\n]*\"line\":3}\n")
+kltce_e2e(repeated_id_checked
+  ARGS check|--document|${kltce_data}/repeated_id.json|--profile|${prof}|--at|2026-11-22T09:00:00Z
+  EXPECT_OUT_REGEX "the earlier item stays registered, and each is dispatched when its conditions hold")
