@@ -32,6 +32,11 @@ constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS entries(key TEXT NOT NULL, entry TEXT NOT NULL, position INTEGER NOT NULL,"
     " value TEXT NOT NULL, PRIMARY KEY (key, entry)) WITHOUT ROWID;";
 
+// Only these say the file itself is not a sound store; every other failure is the machine's.
+bool isDamage(int code) {
+  const int primary = code & 0xff;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT;
+}
 
 }  // namespace
 
@@ -43,36 +48,48 @@ KLTStoreDatabase::~KLTStoreDatabase() {
   sqlite3_close(db_);
 }
 
-std::unique_ptr<KLTStoreDatabase> KLTStoreDatabase::open(const std::filesystem::path& path, std::string& why) {
+bool KLTStoreDatabase::failed(std::string prefix, std::string& why, bool& damaged) const {
+  damaged = db_ && isDamage(sqlite3_extended_errcode(db_));
+  why = prefix.empty() ? std::string(db_ ? sqlite3_errmsg(db_) : "out of memory")
+                       : prefix + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
+  return false;
+}
+
+std::unique_ptr<KLTStoreDatabase> KLTStoreDatabase::open(const std::filesystem::path& path, bool readOnly,
+                                                         int busyWaitMillis, std::string& why, bool& damaged) {
   std::unique_ptr<KLTStoreDatabase> d(new KLTStoreDatabase());
-  if (sqlite3_open_v2(path.c_str(), &d->db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                      nullptr) != SQLITE_OK) {
-    why = std::string("cannot open: ") + (d->db_ ? sqlite3_errmsg(d->db_) : "out of memory");
+  damaged = false;
+  const int flags = (readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) | SQLITE_OPEN_NOMUTEX;
+  if (sqlite3_open_v2(path.c_str(), &d->db_, flags, nullptr) != SQLITE_OK) {
+    d->failed("cannot open", why, damaged);
     return nullptr;
   }
   sqlite3_extended_result_codes(d->db_, 1);
   // Closing leaves the write-ahead log for the next open instead of checkpointing it, which would
   // flush the file to disk at every close.
   sqlite3_db_config(d->db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-  // Another connection of this process may be committing; wait for it rather than fail.
-  sqlite3_busy_timeout(d->db_, 5000);
+  // Another connection may be committing; wait for it rather than fail.
+  sqlite3_busy_timeout(d->db_, busyWaitMillis);
   // Reading the schema checks the file header without writing anything.
   if (sqlite3_exec(d->db_, "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    why = sqlite3_errmsg(d->db_);
+    d->failed("", why, damaged);
     return nullptr;
   }
   return d;
 }
 
-bool KLTStoreDatabase::setUp(std::string& why) {
-  const auto fail = [&](const char* what) {
-    why = std::string(what) + ": " + sqlite3_errmsg(db_);
-    return false;
-  };
+bool KLTStoreDatabase::setUp(std::string& why, bool& damaged) {
+  const auto fail = [&](const char* what) { return failed(what, why, damaged); };
   {
     Statement mode;  // finalized at the end of this block: a live statement would block the checkpoint
     if (sqlite3_prepare_v2(db_, "PRAGMA journal_mode=WAL", -1, &mode.stmt, nullptr) != SQLITE_OK ||
         sqlite3_step(mode.stmt) != SQLITE_ROW || mode.text(0) != "wal") {
+      // A journal mode that the file or its folder refuses reports no error of its own.
+      if (sqlite3_errcode(db_) == SQLITE_OK || sqlite3_errcode(db_) == SQLITE_ROW) {
+        damaged = false;
+        why = "cannot use write-ahead logging (is the file or its folder read-only?)";
+        return false;
+      }
       return fail("cannot use write-ahead logging");
     }
   }
@@ -109,20 +126,23 @@ bool KLTStoreDatabase::setUp(std::string& why) {
 
 bool KLTStoreDatabase::readAll(
     const std::function<bool(std::string_view, int64_t, std::optional<std::string_view>)>& row,
-    const std::function<bool(std::string_view, std::string_view, int64_t, std::string_view)>& entry, std::string& why) {
+    const std::function<bool(std::string_view, std::string_view, int64_t, std::string_view)>& entry, std::string& why,
+    bool& damaged) {
+  damaged = false;
   Statement tables, values, entries;
   if (sqlite3_prepare_v2(db_, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('defaults', 'entries')",
                          -1, &tables.stmt, nullptr) != SQLITE_OK ||
       sqlite3_step(tables.stmt) != SQLITE_ROW) {
-    why = sqlite3_errmsg(db_);
-    return false;
+    return failed("", why, damaged);
   }
   if (sqlite3_column_int(tables.stmt, 0) < 2) return true;  // a new file
   if (sqlite3_prepare_v2(db_, "SELECT key, position, value FROM defaults ORDER BY position", -1, &values.stmt,
                          nullptr) != SQLITE_OK ||
       sqlite3_prepare_v2(db_, "SELECT key, entry, position, value FROM entries ORDER BY key, position", -1,
                          &entries.stmt, nullptr) != SQLITE_OK) {
-    why = sqlite3_errmsg(db_);
+    failed("", why, damaged);
+    // Tables of the store's names that these reads do not fit are another program's.
+    if ((sqlite3_errcode(db_) & 0xff) == SQLITE_ERROR) damaged = true;
     return false;
   }
   int rc;
@@ -131,6 +151,7 @@ bool KLTStoreDatabase::readAll(
     if (sqlite3_column_type(values.stmt, 2) != SQLITE_NULL) value = values.text(2);
     if (!row(values.text(0), sqlite3_column_int64(values.stmt, 1), value)) {
       why = "a stored value cannot be read";
+      damaged = true;
       return false;
     }
   }
@@ -138,14 +159,12 @@ bool KLTStoreDatabase::readAll(
     while ((rc = sqlite3_step(entries.stmt)) == SQLITE_ROW) {
       if (!entry(entries.text(0), entries.text(1), sqlite3_column_int64(entries.stmt, 2), entries.text(3))) {
         why = "a stored entry cannot be read";
+        damaged = true;
         return false;
       }
     }
   }
-  if (rc != SQLITE_DONE) {
-    why = sqlite3_errmsg(db_);
-    return false;
-  }
+  if (rc != SQLITE_DONE) return failed("", why, damaged);
   return true;
 }
 

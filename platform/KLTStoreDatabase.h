@@ -14,6 +14,11 @@
 // every committed transaction, and a transaction cut off by the kill is rolled back on the next
 // open. (A power cut may lose the last commits, never the file's consistency.)
 //
+// Failures are told apart: `damaged` is set when SQLite finds the file corrupt or not a database
+// (or a stored value does not read back), and left false for trouble that says nothing of the
+// file's contents (busy, locked, disk full, read-only, I/O errors, no permission), which a caller
+// must not take for damage.
+//
 // Thread-safety: none; the store serialises every call.
 #pragma once
 
@@ -30,22 +35,26 @@ struct sqlite3_stmt;
 
 class KLTStoreDatabase {
  public:
-  // Opens (creating when absent) the file without writing to it; nothing when it cannot be opened
-  // or is not a database. why tells what failed. Read it with readAll, then call setUp.
-  static std::unique_ptr<KLTStoreDatabase> open(const std::filesystem::path& path, std::string& why);
+  // Opens (creating when absent, unless readOnly) the file without writing to it; nothing when it
+  // cannot be opened or is not a database. why tells what failed, damaged whether the file is at
+  // fault. Read it with readAll, then (unless readOnly) call setUp.
+  // busyWaitMillis: how long to wait for a lock another connection holds.
+  static std::unique_ptr<KLTStoreDatabase> open(const std::filesystem::path& path, bool readOnly, int busyWaitMillis,
+                                                std::string& why, bool& damaged);
   // Switches the file to WAL, creates the tables when missing and prepares the statements. Until it
   // succeeds nothing is written, so a file that fails to read is moved aside as it was found.
-  bool setUp(std::string& why);
+  bool setUp(std::string& why, bool& damaged);
   KLTStoreDatabase(const KLTStoreDatabase&) = delete;
   KLTStoreDatabase& operator=(const KLTStoreDatabase&) = delete;
   ~KLTStoreDatabase();
 
   // Calls row(key, position, value) for every top-level row in order (value nothing for a
   // dictionary), then entry(key, entry, position, value) for every dictionary entry in order. A
-  // database without the store's tables reads as empty.
+  // database without the store's tables reads as empty. A callback that returns false marks the
+  // file damaged (a value that does not read back).
   bool readAll(const std::function<bool(std::string_view, int64_t, std::optional<std::string_view>)>& row,
                const std::function<bool(std::string_view, std::string_view, int64_t, std::string_view)>& entry,
-               std::string& why);
+               std::string& why, bool& damaged);
 
   bool begin();
   bool commit();
@@ -60,6 +69,8 @@ class KLTStoreDatabase {
   struct Statement;
   KLTStoreDatabase() = default;
   bool run(Statement& s);
+  // Sets why from the connection's last error and damaged when that error is the file's.
+  bool failed(std::string why_prefix, std::string& why, bool& damaged) const;
 
   sqlite3* db_ = nullptr;
   std::unique_ptr<Statement> begin_, commit_, rollback_, putValue_, removeValue_, putEntry_, removeEntry_,

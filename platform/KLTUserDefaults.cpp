@@ -55,12 +55,13 @@ bool startsWith(const std::filesystem::path& path, std::string_view magic) {
 
 }  // namespace
 
-KLTUserDefaults::KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults)
-    : path_(std::move(path)), faults_(faults ? std::move(faults) : std::make_shared<KLTStoreFaults>()) {
+KLTUserDefaults::KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults, KLTStoreAccess access)
+    : path_(std::move(path)), faults_(faults ? std::move(faults) : std::make_shared<KLTStoreFaults>()),
+      readOnly_(access == KLTStoreAccess::ReadOnly) {
   if (path_.empty()) return;
   std::error_code ec;
-  if (path_.has_parent_path()) std::filesystem::create_directories(path_.parent_path(), ec);
-  load();
+  if (path_.has_parent_path() && !readOnly_) std::filesystem::create_directories(path_.parent_path(), ec);
+  if (!refuseOtherThanFile()) load();
 }
 
 KLTUserDefaults::~KLTUserDefaults() = default;
@@ -93,15 +94,14 @@ std::shared_ptr<KLTUserDefaults> KLTUserDefaults::setStandardUserDefaults(std::s
 
 void KLTUserDefaults::load() {
   std::string why;
+  bool damaged = true;  // false: trouble of the machine, which leaves the file as it is
   if (startsWith(path_, kSnapshotMagic)) {
     why = "it is in the earlier snapshot format, whose counters are not carried over";
-  } else if ((db_ = KLTStoreDatabase::open(path_, why)) && readInto(current_, why) && db_->setUp(why)) {
-    persisted_ = current_;
-    for (const auto& s : current_) nextPosition_ = std::max(nextPosition_, s.position + 1);
+  } else if (openAndRead(why, damaged)) {
     return;
   }
+  if (!damaged || readOnly_) return refuse(why, damaged);
   db_.reset();
-  current_.clear();
   const auto aside = moveAside(path_, "unreadable");
   // The write-ahead log belongs to the file moved aside; the old format's journal to the snapshot.
   for (const char* companion : {"-wal", ".journal"}) {
@@ -112,11 +112,39 @@ void KLTUserDefaults::load() {
   KLT_LOG_ERROR(kMethod, "Unreadable user defaults store " + path_.string() + " (" + why + ") moved aside to " +
                              (aside ? aside->string() : std::string("(nowhere: move failed)")) + "; starting empty");
   std::string again;
-  db_ = KLTStoreDatabase::open(path_, again);
-  if (db_ && !db_->setUp(again)) db_.reset();
+  db_ = KLTStoreDatabase::open(path_, false, faults_->busyWaitMillis(), again, damaged);
+  if (db_ && !db_->setUp(again, damaged)) db_.reset();
+  if (!db_) unusable_ = "cannot start a new store at " + path_.string() + ": " + again;
 }
 
-bool KLTUserDefaults::readInto(std::vector<Slot>& slots, std::string& why) {
+bool KLTUserDefaults::openAndRead(std::string& why, bool& damaged) {
+  db_ = KLTStoreDatabase::open(path_, readOnly_, faults_->busyWaitMillis(), why, damaged);
+  if (!db_ || !readInto(current_, why, damaged) || (!readOnly_ && !db_->setUp(why, damaged))) {
+    current_.clear();
+    return false;
+  }
+  persisted_ = current_;
+  for (const auto& s : current_) nextPosition_ = std::max(nextPosition_, s.position + 1);
+  if (readOnly_) db_.reset();  // everything is read; a read-only store never goes back to the file
+  return true;
+}
+
+bool KLTUserDefaults::refuseOtherThanFile() {
+  // Opening a pipe or a device would wait for a writer, or read what is no store, for good.
+  struct stat st {};
+  if (::stat(path_.c_str(), &st) != 0 || S_ISREG(st.st_mode)) return false;
+  refuse(S_ISDIR(st.st_mode) ? "it is a folder" : "it is not a regular file", false);
+  return true;
+}
+
+void KLTUserDefaults::refuse(const std::string& why, bool damaged) {
+  db_.reset();
+  unusable_ = (damaged ? "the store " + path_.string() + " is damaged (" + why + ")"
+                       : "cannot use the store " + path_.string() + " (" + why + ")") +
+              "; it is left as it is";
+}
+
+bool KLTUserDefaults::readInto(std::vector<Slot>& slots, std::string& why, bool& damaged) {
   const auto onRow = [&](std::string_view key, int64_t position, std::optional<std::string_view> text) {
     Slot slot{std::string(key), position, !text.has_value(), KLTValue(), KLTSharedMap()};
     if (text) {
@@ -141,7 +169,7 @@ bool KLTUserDefaults::readInto(std::vector<Slot>& slots, std::string& why) {
     last->map.setAt(std::string(entry), static_cast<uint64_t>(position), std::make_shared<const KLTValue>(std::move(*value)));
     return true;
   };
-  return db_->readAll(onRow, onEntry, why);
+  return db_->readAll(onRow, onEntry, why, damaged);
 }
 
 const KLTUserDefaults::Slot* KLTUserDefaults::find(std::string_view key) const {

@@ -11,9 +11,17 @@
 // instant; reading the store back gives exactly the last synchronized map, keys in the order they
 // were set, never a mix of two.
 //
-// A file that cannot be opened as a store (not a database, damaged, a value that does not read
-// back, a file of the earlier snapshot format) is moved aside ("<path>.unreadable") with one
-// ERROR line and the store starts empty. One process owns a store file at a time.
+// A file that cannot be opened as a store because of what it holds (SQLite reports it corrupt or
+// not a database, a value that does not read back, a file of the earlier snapshot format) is moved
+// aside ("<path>.unreadable") with one ERROR line and the store starts empty. Any other failure to
+// open or read it (busy or locked by another program, disk full, read-only, I/O error, no
+// permission) leaves the file as it is: the store then holds nothing, never writes (synchronize()
+// returns false) and unusable() says why, so that the caller can stop before counting on it.
+//
+// A read-only store (KLTStoreAccess::ReadOnly) never writes, creates or moves anything: a damaged
+// file is reported through unusable() like any other failure, and synchronize() always fails.
+//
+// One process writes a store file at a time (platform/KLTStoreLock.h lets a caller make sure).
 //
 // Thread-safety: all operations may be called from any thread; they are serialised internally.
 #pragma once
@@ -33,11 +41,14 @@
 
 class KLTStoreDatabase;
 
+enum class KLTStoreAccess { ReadWrite, ReadOnly };
+
 class KLTUserDefaults {
  public:
   // A store persisted at path (its folder is created when missing). An empty path gives a store
   // that lives in memory only; its synchronize() always succeeds. faults lets a test fail writes.
-  explicit KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults = nullptr);
+  explicit KLTUserDefaults(std::filesystem::path path, std::shared_ptr<KLTStoreFaults> faults = nullptr,
+                           KLTStoreAccess access = KLTStoreAccess::ReadWrite);
   KLTUserDefaults(const KLTUserDefaults&) = delete;
   KLTUserDefaults& operator=(const KLTUserDefaults&) = delete;
   ~KLTUserDefaults();
@@ -67,6 +78,8 @@ class KLTUserDefaults {
   bool synchronize();
 
   const std::filesystem::path& path() const { return path_; }
+  // Why the file could not be used, left as it was (empty when the store is usable): one line.
+  const std::string& unusable() const { return unusable_; }
 
   // A top-level value: a dictionary as a shared map, anything else as a plain value.
   struct Slot {
@@ -79,13 +92,18 @@ class KLTUserDefaults {
 
  private:
   void load();
-  bool readInto(std::vector<Slot>& slots, std::string& why);
+  bool openAndRead(std::string& why, bool& damaged);
+  bool refuseOtherThanFile();
+  void refuse(const std::string& why, bool damaged);
+  bool readInto(std::vector<Slot>& slots, std::string& why, bool& damaged);
   bool write();
   void put(Slot slot);
   const Slot* find(std::string_view key) const;
 
   const std::filesystem::path path_;
   const std::shared_ptr<KLTStoreFaults> faults_;
+  const bool readOnly_;
+  std::string unusable_;
   mutable std::mutex mutex_;
   std::unique_ptr<KLTStoreDatabase> db_;
   std::vector<Slot> current_;    // as the callers see it, in order

@@ -7,7 +7,8 @@ preset="${1:-dev}"
 
 packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev libsqlite3-dev libsimdjson-dev
           libcli11-dev libvalijson-dev libgtest-dev libgmock-dev libbenchmark-dev libhowardhinnant-date-dev
-          libopenmpi-dev openmpi-bin libmimalloc-dev libssl-dev)
+          libopenmpi-dev openmpi-bin libmimalloc-dev libssl-dev procps util-linux)
+# procps (pgrep) and util-linux (flock) serve the tool's end-to-end tests of signals and locks.
 # The fuzz preset builds with clang and links its libFuzzer runtime.
 if [ "$preset" = fuzz ]; then packages+=(clang libclang-rt-14-dev); fi
 # The HTML reports are checked in headless Chromium (ctest label "browser", dev and release builds),

@@ -4,6 +4,10 @@
 // save that reached the file just before the kill, unreported). Each save also rewrites a padding
 // value of varying size tied to the count, so that a mix of two saves would show, and so that
 // commits span several pages of the write-ahead log and kills land inside them.
+//
+// The same on a file system that fills up (a small tmpfs, mounted when the test runs as root): the
+// writer's saves start failing, it keeps trying and is killed; the store then opens without being
+// moved aside, holds the last acknowledged count, and takes new counts once there is room again.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -18,6 +22,7 @@
 #include "platform/KLTUserDefaults.h"
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
+#include "testsupport/KLTTestMount.h"
 
 namespace {
 
@@ -34,8 +39,9 @@ int64_t countIn(const KLTValue& map) {
 // Each report is one 8-byte write, below the pipe's atomic size, so a read returns whole reports.
 bool readCount(int fd, int64_t& count) { return ::read(fd, &count, sizeof count) == sizeof count; }
 
-// The child: never returns into the test framework.
-[[noreturn]] void runWriter(const std::filesystem::path& path, int fd) {
+// The child: never returns into the test framework. With untilFull, a save that fails is reported
+// as -1 (once) and the writer goes on trying; otherwise a failure ends it.
+[[noreturn]] void runWriter(const std::filesystem::path& path, int fd, bool untilFull = false) {
   auto log = std::make_shared<KLTCapturedLog>();
   KLTLog::setSink(log);
   LOG_LEVEL = 2;
@@ -46,7 +52,16 @@ bool readCount(int fd, int64_t& count) { return ::read(fd, &count, sizeof count)
   for (int i = 0; i < 1'000'000; ++i) {
     store->setObject(paddingFor(countIn(frequency.frequencyConfig()) + 1), "padding");
     frequency.updateFrequencyForIdentifier(kId);
-    if (log->contains("ERROR")) ::_exit(3);
+    if (log->contains("ERROR")) {
+      if (!untilFull) ::_exit(3);
+      const int64_t full = -1;
+      if (i >= 0 && ::write(fd, &full, sizeof full) != sizeof full) ::_exit(4);
+      log->clear();
+      // The engine's save failed and its count stays in memory: the same save, tried until it
+      // goes through (room was made) or the writer is killed.
+      while (!store->synchronize()) {
+      }
+    }
     const int64_t acknowledged = countIn(frequency.frequencyConfig());
     if (::write(fd, &acknowledged, sizeof acknowledged) != sizeof acknowledged) ::_exit(4);
   }
@@ -91,6 +106,60 @@ TEST(KLTStoreCrashTest, KilledWriterLeavesTheAcknowledgedCountOrOneMore) {
     ASSERT_TRUE(count == acknowledged || count == acknowledged + 1)
         << "stored " << count << ", acknowledged " << acknowledged;
     ASSERT_EQ(store.objectForKey("padding"), paddingFor(count)) << "counter and padding come from one save";
+  }
+}
+
+TEST(KLTStoreCrashTest, FullFileSystemLosesNoAcknowledgedCount) {
+  KLTTestMount mount(1 << 20);
+  if (!mount.mounted()) GTEST_SKIP() << mount.why();
+  const std::filesystem::path path = mount.path() / "store.kltstore";
+  const std::filesystem::path filler = mount.path() / "filler";
+  std::mt19937 rng(20261125);
+  for (int round = 0; round < 8; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    // Room for a few saves at most: the padding of one save is up to 18 KB.
+    ASSERT_TRUE(mount.fill(filler));
+    std::filesystem::resize_file(filler, std::filesystem::file_size(filler) - (120 + rng() % 120) * 1024);
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::close(fds[0]);
+      runWriter(path, fds[1], true);
+    }
+    ::close(fds[1]);
+    int64_t acknowledged = 0, report = 0;
+    while (readCount(fds[0], report) && report != -1) acknowledged = report;
+    ASSERT_EQ(report, -1) << "the file system never filled up, or the writer failed at start";
+    volatile unsigned spin = 0;
+    for (unsigned i = rng() % 400'000; i > 0; --i) spin = spin + i;
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer failed on its own: " << status;
+    for (int64_t more = 0; readCount(fds[0], more);) {
+      if (more >= 0) acknowledged = more;
+    }
+    ::close(fds[0]);
+
+    for (const char* when : {"still full", "with room again"}) {
+      SCOPED_TRACE(when);
+      if (when == std::string("with room again")) std::filesystem::remove(filler);
+      KLTScopedLogCapture capture(2);
+      const KLTUserDefaults store(path);
+      ASSERT_EQ(capture.log().count("moved aside"), 0) << "a full disk is no damage";
+      ASSERT_FALSE(std::filesystem::exists(path.string() + ".unreadable"));
+      if (!store.unusable().empty()) {
+        ASSERT_EQ(when, std::string("still full")) << store.unusable();
+        continue;
+      }
+      const int64_t count = countIn(store.objectForKey(kKLTFrequencyStoreKey));
+      ASSERT_TRUE(count == acknowledged || count == acknowledged + 1)
+          << "stored " << count << ", acknowledged " << acknowledged;
+      ASSERT_EQ(store.objectForKey("padding"), paddingFor(count)) << "counter and padding come from one save";
+    }
   }
 }
 

@@ -1,21 +1,27 @@
 // The user-defaults store on its own: values read back equal (dates included) after a reopen, key
-// order is kept, unreadable files are moved aside, and failed writes are reported and retried. (Kills during writes: KLTStoreCrash_test.)
+// order is kept, unreadable files are moved aside while files the machine cannot open for now are
+// left alone, read-only stores never write, and failed writes are reported and retried. (Kills
+// during writes and a full file system: KLTStoreCrash_test.)
 #include "platform/KLTUserDefaults.h"
 
 #include <gtest/gtest.h>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
+#include "testsupport/KLTTestMount.h"
 
 namespace fs = std::filesystem;
 
@@ -175,6 +181,126 @@ TEST_F(KLTUserDefaultsTest, FailedWriteReportsFalseAndALaterSynchronizeSucceeds)
     store.setObject(KLTValue{{"n", 0}}, "map");
     ASSERT_TRUE(store.synchronize());
   }
+}
+
+// Trouble that says nothing of the file's contents: the store holds nothing, never writes, says
+// why, and leaves the file where and as it was; once the trouble is gone the values are all there.
+TEST_F(KLTUserDefaultsTest, TroubleLeavesTheFileAsItIs) {
+  struct Row {
+    const char* note;
+    // Makes the trouble at path (a store holding "kept" = 1 is there when it returns true); false
+    // with a reason to skip the row.
+    std::function<bool(const fs::path& path, std::string& skip)> make;
+    std::function<void()> end;
+    const char* why;
+  };
+  sqlite3* holder = nullptr;
+  std::unique_ptr<KLTTestMount> mount;
+  const auto storeAt = [](const fs::path& path) {
+    KLTUserDefaults store(path);
+    store.setObject(1, "kept");
+    return store.synchronize();
+  };
+  const std::vector<Row> rows = {
+      {"locked by another program",
+       [&](const fs::path& path, std::string&) {
+         if (!storeAt(path) || sqlite3_open(path.c_str(), &holder) != SQLITE_OK) return false;
+         return sqlite3_exec(holder, "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE; UPDATE defaults SET position = position",
+                             nullptr, nullptr, nullptr) == SQLITE_OK;
+       },
+       [&] { sqlite3_close(holder); }, "locked"},
+      {"read-only file system",
+       [&](const fs::path& path, std::string& skip) {
+         mount = std::make_unique<KLTTestMount>(1 << 20);
+         if (!mount->mounted()) {
+           skip = mount->why();
+           return false;
+         }
+         const fs::path inside = mount->path() / "store.kltstore";
+         if (!storeAt(inside)) return false;
+         fs::create_symlink(inside, path);
+         return mount->setReadOnly(true);
+       },
+       [&] { mount->setReadOnly(false); }, "read"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    fs::remove_all(path().parent_path());
+    fs::create_directories(path().parent_path());
+    std::string skip;
+    if (!row.make(path(), skip)) {
+      ASSERT_FALSE(skip.empty()) << "could not make the trouble";
+      std::cout << "[ SKIPPED  ] " << row.note << ": " << skip << '\n';
+      continue;
+    }
+    const std::string before = readFile(path());
+    capture_.log().clear();
+    {
+      auto faults = std::make_shared<KLTStoreFaults>();
+      faults->setBusyWaitMillis(20);
+      KLTUserDefaults store(path(), faults);
+      EXPECT_NE(store.unusable().find(row.why), std::string::npos) << store.unusable();
+      EXPECT_NE(store.unusable().find("left as it is"), std::string::npos) << store.unusable();
+      EXPECT_TRUE(store.objectForKey("kept").is_null());
+      store.setObject(2, "kept");
+      EXPECT_FALSE(store.synchronize()) << "a store that could not read the file must not overwrite it";
+    }
+    EXPECT_EQ(capture_.log().count("moved aside"), 0);
+    EXPECT_FALSE(fs::exists(path().string() + ".unreadable"));
+    EXPECT_TRUE(readFile(path()) == before) << "the file is as it was";
+    row.end();
+    EXPECT_EQ(KLTUserDefaults(path()).objectForKey("kept"), 1);
+  }
+}
+
+// What is not a file is never opened (a pipe would wait for a writer for good) nor moved.
+TEST_F(KLTUserDefaultsTest, OtherThanARegularFileIsRefused) {
+  for (const char* kind : {"folder", "pipe"}) {
+    SCOPED_TRACE(kind);
+    fs::remove_all(path().parent_path());
+    fs::create_directories(path().parent_path());
+    if (kind == std::string("folder")) {
+      fs::create_directory(path());
+    } else {
+      ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
+    }
+    for (auto access : {KLTStoreAccess::ReadWrite, KLTStoreAccess::ReadOnly}) {
+      KLTUserDefaults store(path(), nullptr, access);
+      EXPECT_NE(store.unusable().find(kind == std::string("folder") ? "folder" : "not a regular file"), std::string::npos)
+          << store.unusable();
+      EXPECT_FALSE(store.synchronize());
+    }
+    EXPECT_EQ(fs::is_directory(path()), kind == std::string("folder"));
+    EXPECT_EQ(fs::is_fifo(path()), kind == std::string("pipe"));
+  }
+}
+
+// A read-only store reads a sound file; a damaged one it reports and leaves in place.
+TEST_F(KLTUserDefaultsTest, ReadOnlyStoreNeverWrites) {
+  {
+    KLTUserDefaults store(path());
+    store.setObject(KLTValue{{"n", 1}}, "map");
+    ASSERT_TRUE(store.synchronize());
+  }
+  {
+    KLTUserDefaults store(path(), nullptr, KLTStoreAccess::ReadOnly);
+    EXPECT_TRUE(store.unusable().empty()) << store.unusable();
+    EXPECT_EQ(store.objectForKey("map"), (KLTValue{{"n", 1}}));
+    store.setObject(KLTValue{{"n", 2}}, "map");
+    EXPECT_FALSE(store.synchronize());
+  }
+  EXPECT_EQ(KLTUserDefaults(path()).objectForKey("map"), (KLTValue{{"n", 1}}));
+
+  const std::string garbage(3000, '\xA5');
+  fs::remove_all(path().parent_path());
+  fs::create_directories(path().parent_path());
+  writeFile(path(), garbage);
+  capture_.log().clear();
+  KLTUserDefaults store(path(), nullptr, KLTStoreAccess::ReadOnly);
+  EXPECT_NE(store.unusable().find("is damaged (file is not a database)"), std::string::npos) << store.unusable();
+  EXPECT_EQ(capture_.log().count("moved aside"), 0);
+  EXPECT_TRUE(readFile(path()) == garbage);
+  EXPECT_FALSE(fs::exists(path().string() + ".unreadable"));
 }
 
 }  // namespace

@@ -81,8 +81,8 @@ TEST(KltceCheck, EachMistakeGivesItsFinding) {
       {"window always open", [](KLTValue& c) { c["time_limits"] = {{"start_time", "0"}, {"end_time", "24:00"}}; },
        "/configs/0/time_limits", "warning", "the daily window \"0\" to \"24:00\" reads as always open: it restricts nothing", true, 2},
       {"duplicate _id", [](KLTValue&) {}, "/configs/1/_id", "warning",
-       "_id \"c1\" repeats configs[0]'s: the engine keeps one campaign per _id (the later replaces the earlier when both are "
-       "admitted) and both share one set of counters", false},
+       "_id \"c1\" repeats configs[0]'s: the engine keeps both (the earlier item stays registered, and each is dispatched "
+       "when its conditions hold) and they share one set of counters", false},
       {"GTEE", [&](KLTValue& c) { cond(c)["count_config"]["operator"] = "GTEE"; }, "/configs/0/conditions/0/count_config/operator",
        "error", "operator \"GTEE\" is not EQ, NEQ, GT, GTE, LT or LTE (exact words): the count check is always false, so the condition never completes", true},
       {"lower-case and", [&](KLTValue& c) { cond(c)["combine_operator"] = "and"; }, "/configs/0/conditions/0/combine_operator", "error",

@@ -1,9 +1,13 @@
 // kltce fleet in one process: the fleet file's order rules, fresh devices, mergeable sums.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
+#include <unistd.h>
 
 #include "tools/kltce/fleet.h"
+#include "tools/kltce/fleet_command.h"
 #include "tools/kltce/fleet_input.h"
 #include "tools/kltce/json_text.h"
 
@@ -221,6 +225,118 @@ TEST(FleetInput, ShardsAreReadAsIOfN) {
     if (p && expected) {
       EXPECT_EQ(*expected, std::make_pair(p->index, p->count)) << text;
     }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// `kltce fleet merge` adds up the parts of one run only. Each part is a summary with its "part";
+// the rows name the parts (by a short form) and what the merge must say.
+TEST(FleetMerge, RefusesPartsThatAreNotOfOneRun) {
+  const auto part = [](const std::string& shards, uint64_t split, const std::string& change = "",
+                       const std::string& devices = "1", const std::string& reached = "1") {
+    std::string doc = "aaaaaaaaaaaaaaaa", size = "100", shown = "false";
+    if (change == "document") doc = "bbbbbbbbbbbbbbbb";
+    if (change == "fleet") size = "101";
+    if (change == "options") shown = "true";
+    return R"({"devices": )" + devices + R"(, "lines": 2, "events": 1, "bad_lines": 0, "campaigns": {"c": {"devices": 1,
+      "admitted": 1, "rejected": {}, "reached": )" + reached + R"(, "displays": 1, "first_display_seconds": {"counts": {"3": 1}},
+      "why_not": {}}}, "part": {"document": ")" + doc + R"(", "fleet": {"size": )" + size + R"(, "ends": "0123456789abcdef"},
+      "state": null, "auto_shown": )" + shown + R"(, "split": )" + std::to_string(split) + R"(, "shards": [)" + shards + "]}}";
+  };
+  struct Row {
+    const char* note;
+    std::vector<std::string> parts;
+    int status;
+    const char* message;
+  };
+  const std::string max = "18446744073709551615";
+  const std::vector<Row> rows = {
+      {"shards of one split", {part("0", 2), part("1", 2)}, 0, R"("split": 1,)"},
+      {"some shards of a split", {part("0", 3), part("2", 3)}, 0, R"("split": 3,)"},
+      {"the same part twice", {part("0", 2), part("0", 2)}, 2, "part 2': it repeats a part already merged (shard 0/2)"},
+      {"a whole run twice", {part("0", 1), part("0", 1)}, 2, "part 2': it repeats a part already merged (shard 0/1)"},
+      {"a run and one of its shards", {part("0", 1), part("1", 2)}, 2, "part 2': it is of another split"},
+      {"mixed splits", {part("0", 2), part("1", 2), part("0", 3)}, 2, "part 3': it is of another split (shards of 3, not of 2"},
+      {"overlapping parts", {part("0, 1", 3), part("1, 2", 3)}, 2, "part 2': it overlaps a part already merged (shard 1/3)"},
+      {"another document", {part("0", 2), part("1", 2, "document")}, 2, "part 2': it is of another campaign document"},
+      {"another fleet", {part("0", 2), part("1", 2, "fleet")}, 2, "part 2': it is of another fleet file (101 bytes, not 100"},
+      {"other options", {part("0", 2), part("1", 2, "options")}, 2, "part 2': it was run with other options"},
+      {"counts that wrap", {part("0", 2, "", max), part("1", 2)}, 2, "part 2': its counts added to the others' would pass"},
+      {"reached above devices", {part("0", 2, "", "1", "2")}, 2, "part 1': campaign \"c\": the counts do not add up"},
+      {"no part", {R"({"devices": 0, "lines": 0, "events": 0, "bad_lines": 0, "campaigns": {}})"}, 2,
+       "part 1': \"part\" must say which run"},
+  };
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kltce_merge_" + std::to_string(::getpid()));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    std::filesystem::create_directories(dir);
+    kltce::FleetCommand command;
+    command.format = "json";
+    for (std::size_t i = 0; i < row.parts.size(); ++i) {
+      command.mergeFiles.push_back((dir / ("part " + std::to_string(i + 1))).string());
+      std::ofstream(command.mergeFiles.back()) << row.parts[i];
+    }
+    std::ostringstream out, err;
+    EXPECT_EQ(kltce::runFleetMerge(command, out, err), row.status) << err.str();
+    EXPECT_NE((row.status == 0 ? out : err).str().find(row.message), std::string::npos) << out.str() << err.str();
+    std::filesystem::remove_all(dir);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A stream that counts what is asked of it: the calls that fetch more bytes, and the bytes given.
+class CountingBuf final : public std::stringbuf {
+ public:
+  explicit CountingBuf(const std::string& text) : std::stringbuf(text) {}
+  uint64_t fetches = 0, bytes = 0;
+
+ protected:
+  std::streamsize xsgetn(char* s, std::streamsize n) override {
+    ++fetches;
+    const std::streamsize got = std::stringbuf::xsgetn(s, n);
+    bytes += static_cast<uint64_t>(got);
+    return got;
+  }
+};
+
+// A line of 4 MiB: BlockLines reads it in a number of fetches that grows with the log of its
+// length, and a piece of the file inside it reads no more than its own bytes, so that every
+// piece of a long line together cost one reading of it, whatever the number of workers.
+TEST(FleetInput, LongLinesCostTheirLength) {
+  const std::string longLine = R"({"device": "a", "t": 1, "type": "app", "name": ")" + std::string(4 << 20, 'x') + "\"}\n";
+  const std::string text = profile("a") + longLine + profile("b");
+  {
+    CountingBuf buf(text);
+    std::istream in(&buf);
+    kltce::BlockLines lines(in, UINT64_MAX, 1024);
+    std::vector<std::size_t> sizes;
+    for (std::string_view line; lines.next(line);) sizes.push_back(line.size());
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{profile("a").size() - 1, longLine.size() - 1, profile("b").size() - 1}));
+    EXPECT_LE(buf.fetches, 20u) << "a line longer than the block must not be fetched a block at a time";
+  }
+  const uint64_t lineStart = profile("a").size(), lineEnd = lineStart + longLine.size();
+  const struct {
+    uint64_t from, to;
+    std::optional<uint64_t> start;
+  } rows[] = {
+      {lineStart + 1000, lineStart + 9000, std::nullopt},         // inside the line
+      {lineEnd - 4000, lineEnd + 10, std::nullopt},               // the end of it: b's line follows one before the piece
+      {lineStart, lineEnd + 10, lineEnd},                         // the whole line: b's begins after it
+      {lineStart - 10, lineStart + 100000, std::nullopt},         // the long line is a's
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.from) + ".." + std::to_string(row.to));
+    CountingBuf buf(text);
+    std::istream in(&buf);
+    EXPECT_EQ(row.start, kltce::fleetRangeStart(in, row.from, row.to));
+    // The piece's bytes, and the beginning of a line starting in it, read whole or in one block.
+    EXPECT_LE(buf.bytes, row.to - row.from + 1 + (row.from < lineStart ? longLine.size() : 0) + 64 * 1024);
   }
 }
 

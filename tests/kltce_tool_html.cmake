@@ -11,7 +11,7 @@ kltce_e2e(html_explained ARGS ${html_run}|--explain|--html|${kltce_scratch}/exam
 kltce_e2e(html_unwritable ARGS ${html_run}|--explain|--html|${kltce_scratch}/no/such/dir/r.html
   EXPECT_RC 2 EXPECT_ERR "^kltce: --html: cannot write '[^']*/no/such/dir/r.html'")
 kltce_e2e(html_needs_explain ARGS ${html_run}|--html|${kltce_scratch}/example.html
-  EXPECT_RC 107 EXPECT_ERR "--html requires --explain")  # CLI11's code for a missing companion option
+  EXPECT_RC 2 EXPECT_ERR "--html requires --explain")
 kltce_e2e(fleet_html_unwritable
   ARGS fleet|--document|${kltce_examples}/campaigns.json|--fleet|${kltce_examples}/fleet/fleet.jsonl|--html|${kltce_scratch}/no/such/dir/f.html
   EXPECT_RC 2 EXPECT_ERR "^kltce: fleet: --html: cannot write '[^']*/no/such/dir/f.html'")

@@ -8,6 +8,7 @@
 //
 // --split also writes, for every K-th device, DIR/<id>.profile.json and DIR/<id>.events.jsonl:
 // that device alone, as `kltce run` reads it (the same lines, without "device").
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,10 +22,13 @@
 
 namespace {
 
+// Digits only: strtoull would take "-1" for 2^64 - 1, and a number past 2^64 - 1 for that one.
 bool number(const char* text, uint64_t& out) {
+  if (*text < '0' || *text > '9') return false;
   char* end = nullptr;
+  errno = 0;
   out = std::strtoull(text, &end, 10);
-  return end && *end == '\0' && end != text;
+  return end && *end == '\0' && errno == 0;
 }
 
 }  // namespace

@@ -165,8 +165,8 @@ std::vector<CampaignVerdict> checkCampaigns(const KLTValue& document, std::vecto
       if (!fresh) {
         v.findings.push_back(Finding{Severity::Warning, "/_id", v.id,
                                      "_id " + shownValue(v.id) + " repeats configs[" + std::to_string(first->second) +
-                                         "]'s: the engine keeps one campaign per _id (the later replaces the earlier "
-                                         "when both are admitted) and both share one set of counters",
+                                         "]'s: the engine keeps both (the earlier item stays registered, and each is "
+                                         "dispatched when its conditions hold) and they share one set of counters",
                                      false});
       }
     }

@@ -28,6 +28,7 @@
 #include "platform/KLTSharedMap.h"
 #include "platform/KLTValue.h"
 #include "tools/kltce/fleet_comparison.h"
+#include "tools/kltce/fleet_identity.h"
 #include "tools/kltce/fleet_summary.h"
 
 namespace kltce {
@@ -81,6 +82,8 @@ struct FleetOptions {
   // When set, each device is replayed twice, with this old document and with `document`, and the
   // result compares them (fleet_compare.h); the CSV rows are then those of the changed outcomes.
   std::optional<KLTValue> compareWith;
+  // What the run is of, written beside its summary (not read by the replay).
+  FleetIdentity identity;
 };
 
 struct FleetResult {

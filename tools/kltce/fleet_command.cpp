@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -53,9 +54,12 @@ int usage(std::ostream& err, const std::string& message) {
   return kExitUsage;
 }
 
-void writeSummary(const FleetSummary& summary, const std::string& format, std::ostream& out) {
+void writeSummary(const FleetSummary& summary, const std::string& format, const FleetIdentity& identity,
+                  std::ostream& out) {
   if (format == "json") {
-    out << summary.toJson().dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
+    KLTValue json = summary.toJson();
+    json["part"] = identity.toJson();
+    out << json.dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
   } else {
     summary.writeTable(out);
   }
@@ -82,6 +86,11 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
     usage(err, "--document and --fleet are needed (or: kltce fleet merge FILE...)");
     return false;
   }
+  if (command.workers > kMaxFleetWorkers) {
+    usage(err, "--workers: " + std::to_string(command.workers) + " is more than " + std::to_string(kMaxFleetWorkers) +
+                   " worker processes (each replays a share of the fleet; more than the machine's cores gain nothing)");
+    return false;
+  }
   const auto shard = parseFleetPart(command.shard);
   if (!shard) {
     usage(err, "--shard: \"" + command.shard + "\" is not I/N with 0 <= I < N");
@@ -106,15 +115,17 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
       usage(err, "--state: '" + command.state + "' is not a counters file");
       return false;
     }
-    std::string error;
-    auto store = openStateStore(command.state, false, error);
-    if (!store) {
-      usage(err, "--state: " + error);
+    // Only read: a damaged or busy file is refused and left as it is, and a read-only one will do.
+    const KLTUserDefaults store(command.state, nullptr, KLTStoreAccess::ReadOnly);
+    if (!store.unusable().empty()) {
+      usage(err, "--state: " + store.unusable());
       return false;
     }
-    options.counters = store->sharedDictionaryForKey(kKLTFrequencyStoreKey);
+    options.counters = store.sharedDictionaryForKey(kKLTFrequencyStoreKey);
   }
   if (!command.compare.empty() && !prepareComparison(command.compare, options, err)) return false;
+  options.identity = fleetIdentity(options.document, command.fleet, options.counters, options.autoShown,
+                                   options.shard.index, options.shard.count);
   return true;
 }
 
@@ -143,25 +154,39 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
   }
   FleetProgressLine line(err);
   if (command.progress) options.onDevice = [&](uint64_t devices, uint64_t events) { line.show(devices, events); };
-  FleetResult result = replayFleet(options, in);
+  // A pipe is known by what comes through it, read once.
+  FleetEndsTap tap(*in.rdbuf());
+  std::istream tapped(&tap);
+  const bool piped = !fs::is_regular_file(command.fleet, ec);
+  FleetResult result = replayFleet(options, piped ? tapped : in);
+  if (piped) tap.into(options.identity);
+  if (csv.is_open() && !csv.flush() && result.exitCode == kExitOk) {
+    result.exitCode = kExitFailed;
+    result.error = "--csv: writing '" + command.csv + "' failed: " + std::strerror(errno);
+  }
   if (command.progress) {
     line.show(result.summary.devices(), result.summary.events(), true);
     line.end();
   }
-  return finishFleet({result}, command.format, out, err);
+  return finishFleet({result}, command.format, options.identity, out, err);
 }
 
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err) {
   FleetSummary sum;
+  std::optional<FleetIdentity> whole;
   for (const std::string& file : command.mergeFiles) {
     JsonResult json = loadJsonFile(file);
     if (!json.ok()) return usage(err, "merge: " + json.error);
     std::string error;
     const auto part = FleetSummary::fromJson(json.value, error);
     if (!part) return usage(err, "merge: '" + file + "': " + error);
-    sum.merge(*part);
+    const auto identity = FleetIdentity::fromJson(klt::valueForKey(json.value, "part"), error);
+    if (!identity) return usage(err, "merge: '" + file + "': " + error);
+    if (whole ? !whole->add(*identity, error) : !(whole = identity)) return usage(err, "merge: '" + file + "': " + error);
+    if (!sum.mergeChecked(*part, error)) return usage(err, "merge: '" + file + "': " + error);
   }
-  writeSummary(sum, command.format, out);
+  whole->normalize();
+  writeSummary(sum, command.format, *whole, out);
   return kExitOk;
 }
 
@@ -199,8 +224,8 @@ bool fleetResultFromText(std::string_view text, FleetResult& result, std::string
   return true;
 }
 
-int finishFleet(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
-                std::ostream& err) {
+int finishFleet(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
+                std::ostream& out, std::ostream& err) {
   const FleetResult* first = nullptr;
   for (const FleetResult& r : results) {
     if (r.exitCode == kExitOk) continue;
@@ -216,7 +241,7 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
   if (!results.empty() && results.front().comparison) return finishComparison(results, format, out, err);
   FleetSummary sum;
   for (const FleetResult& r : results) sum.merge(r.summary);
-  writeSummary(sum, format, out);
+  writeSummary(sum, format, identity, out);
   return kExitOk;
 }
 

@@ -27,6 +27,10 @@
 
 namespace kltce {
 
+// The most worker processes `--workers` takes: each holds its own engine and a share of the
+// parent's bookkeeping, and beyond the machine's cores more of them only cost.
+inline constexpr unsigned kMaxFleetWorkers = 256;
+
 struct FleetCommand {
   std::string document, fleet, state, csv;
   std::string compare;  // the old document of a comparison (fleet_compare.h); empty: none
@@ -51,16 +55,18 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
 // `kltce fleet`: replays the fleet with the command's workers and writes the summary. Returns a
 // kExit* code; kExitBlocked means the engine's queue of this process may be held for good.
 int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream& err);
-// `kltce fleet merge`: adds up the JSON summaries of mergeFiles and writes the sum.
+// `kltce fleet merge`: adds up the JSON summaries of mergeFiles and writes the sum. Refuses (exit 2)
+// parts of other documents, fleets or options, of another split, a shard twice, and counts that
+// do not add up or would pass 2^64 - 1.
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err);
 
 // A worker's result as one JSON text, and back; false (error set) when the text is not one.
 std::string fleetResultText(const FleetResult& result);
 bool fleetResultFromText(std::string_view text, FleetResult& result, std::string& error);
 // The end of a run of several workers: the first error (by fleet line) if any, else the merged
-// summary, written in `format`. Returns the exit code.
-int finishFleet(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
-                std::ostream& err);
+// summary, written in `format` (JSON with `identity` as its "part"). Returns the exit code.
+int finishFleet(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
+                std::ostream& out, std::ostream& err);
 // `length` bytes of FILE.part<part> from `offset`.
 struct CsvSlice {
   std::size_t part = 0;

@@ -58,23 +58,28 @@ bool FleetReader::isProfileLine(const KLTValue& json) {
 bool BlockLines::next(std::string_view& line) {
   for (;;) {
     const char* begin = buffer_.data() + begin_;
-    if (const void* newline = std::memchr(begin, '\n', end_ - begin_)) {
+    const std::size_t from = std::max(begin_, scanned_);
+    if (const void* newline = std::memchr(buffer_.data() + from, '\n', end_ - from)) {
       const auto length = static_cast<std::size_t>(static_cast<const char*>(newline) - begin);
       line = std::string_view(begin, length);
       begin_ += length + 1;
+      scanned_ = begin_;
       return true;
     }
+    scanned_ = end_;
     if (atEnd_) {
       if (begin_ == end_) return false;
       line = std::string_view(begin, end_ - begin_);  // the last line, without an end of line
       begin_ = end_;
       return true;
     }
-    // The start of a line stays, moved to the front; a line longer than the block makes it grow.
+    // The start of a line stays, moved to the front; a line longer than the block makes it grow,
+    // to twice its size at the least, so that a long line is not read and moved again and again.
     buffer_.erase(0, begin_);
     end_ -= begin_;
+    scanned_ -= begin_;
     begin_ = 0;
-    buffer_.resize(std::max(end_ + block_, buffer_.size()));
+    if (end_ + block_ > buffer_.size()) buffer_.resize(std::max(end_ + block_, 2 * buffer_.size()));
     const auto want = static_cast<std::size_t>(std::min<uint64_t>(buffer_.size() - end_, left_));
     in_.read(buffer_.data() + end_, static_cast<std::streamsize>(want));
     const auto got = static_cast<std::size_t>(in_.gcount());
@@ -88,12 +93,26 @@ std::optional<uint64_t> fleetRangeStart(std::istream& in, uint64_t from, uint64_
   if (from == 0) return 0;
   in.clear();
   if (!in.seekg(static_cast<std::streamoff>(from - 1))) return std::nullopt;
+  // The line holding byte from - 1 ends there or later; the first line to look at follows it. It
+  // is passed over without being kept, and not beyond `to`: a piece inside a long line reads no
+  // more than its own bytes.
+  uint64_t at = from - 1;
+  char block[16 * 1024];
+  for (bool found = false; !found;) {
+    if (at >= to) return std::nullopt;
+    in.read(block, static_cast<std::streamsize>(std::min<uint64_t>(sizeof block, to - at)));
+    const auto got = static_cast<std::size_t>(in.gcount());
+    if (got == 0) return std::nullopt;
+    const void* newline = std::memchr(block, '\n', got);
+    found = newline != nullptr;
+    at += found ? static_cast<uint64_t>(static_cast<const char*>(newline) - block) + 1 : got;
+  }
+  if (at >= to) return std::nullopt;
+  in.clear();
+  if (!in.seekg(static_cast<std::streamoff>(at))) return std::nullopt;
   // Blocks about the size of one device's lines: the answer is mostly a device away.
   BlockLines lines(in, UINT64_MAX, 16 * 1024);
   std::string_view line;
-  // The line holding byte from - 1 ends there or later; the first line to look at follows it.
-  if (!lines.next(line)) return std::nullopt;
-  uint64_t at = from - 1 + line.size() + 1;
   std::optional<std::string> before;  // the id of the line before `at`, when it starts at `from` or later
   while (at < to && lines.next(line)) {
     const auto id = leadingDeviceId(line);

@@ -44,7 +44,8 @@ std::optional<std::string_view> leadingDeviceId(std::string_view line);
 // Lines of a stream read in large blocks and handed out as views: a line passed over is never
 // copied, and no line costs a read of its own. Reads at most `bytes` from where the stream
 // stands. Lines are as std::getline gives them: a carriage return stays, the last line may lack
-// its end of line. Not thread-safe.
+// its end of line. A line longer than the block costs time linear in its length: the buffer
+// doubles and each byte is searched once. Not thread-safe.
 class BlockLines {
  public:
   explicit BlockLines(std::istream& in, uint64_t bytes = UINT64_MAX, std::size_t block = 256 * 1024)
@@ -58,6 +59,7 @@ class BlockLines {
   std::size_t block_;
   std::string buffer_;
   std::size_t begin_ = 0, end_ = 0;  // the part of buffer_ not yet handed out
+  std::size_t scanned_ = 0;           // buffer_ up to here holds no end of line after begin_
   bool atEnd_ = false;                // in_ has no more to give
 };
 
@@ -65,7 +67,8 @@ class BlockLines {
 // device id differs from that of the line just before it (both read by leadingDeviceId(), as the
 // reader reads them), that line starting at `from` or later. Nothing when there is none (or when
 // `in` cannot be read: in.bad()). For 0 < from: reads `in` from byte from - 1 to at most a line
-// past `to`. The answer grows with `from`, so ranges from the answers at increasing offsets split
+// past `to`, and no further than `to` when no line starts in [from, to) (a piece inside one long
+// line), so that the pieces of a file cost, together, about one reading of it. The answer grows with `from`, so ranges from the answers at increasing offsets split
 // the file without overlap.
 std::optional<uint64_t> fleetRangeStart(std::istream& in, uint64_t from, uint64_t to);
 

@@ -15,9 +15,9 @@ namespace {
 // merge exactly.
 int64_t wholeSeconds(int64_t millis) { return millis / 1000; }
 
-template <typename Key>
-void addCounts(std::map<Key, uint64_t>& into, const std::map<Key, uint64_t>& from) {
-  for (const auto& [key, n] : from) into[key] += n;
+template <typename Key, typename Add>
+void addCounts(std::map<Key, uint64_t>& into, const std::map<Key, uint64_t>& from, Add add) {
+  for (const auto& [key, n] : from) add(into[key], n);
 }
 
 // An object of a map's entries, in its order. Its keys are distinct, so each is put at the end
@@ -111,21 +111,38 @@ void FleetSummary::addDevice(const std::vector<DeviceCampaign>& campaigns, uint6
   }
 }
 
-void FleetSummary::merge(const FleetSummary& other) {
-  devices_ += other.devices_;
-  lines_ += other.lines_;
-  events_ += other.events_;
-  badLines_ += other.badLines_;
+template <typename Add>
+void FleetSummary::mergeWith(const FleetSummary& other, Add add) {
+  add(devices_, other.devices_);
+  add(lines_, other.lines_);
+  add(events_, other.events_);
+  add(badLines_, other.badLines_);
   for (const auto& [id, o] : other.campaigns_) {
     CampaignTally& t = campaigns_[id];
-    t.devices += o.devices;
-    t.admitted += o.admitted;
-    addCounts(t.rejected, o.rejected);
-    t.reached += o.reached;
-    t.displays += o.displays;
-    addCounts(t.firstDisplaySeconds, o.firstDisplaySeconds);
-    addCounts(t.whyNot, o.whyNot);
+    add(t.devices, o.devices);
+    add(t.admitted, o.admitted);
+    addCounts(t.rejected, o.rejected, add);
+    add(t.reached, o.reached);
+    add(t.displays, o.displays);
+    addCounts(t.firstDisplaySeconds, o.firstDisplaySeconds, add);
+    addCounts(t.whyNot, o.whyNot, add);
   }
+}
+
+void FleetSummary::merge(const FleetSummary& other) {
+  mergeWith(other, [](uint64_t& into, uint64_t n) { into += n; });
+}
+
+bool FleetSummary::mergeChecked(const FleetSummary& other, std::string& error) {
+  FleetSummary sum = *this;
+  bool wrapped = false;
+  sum.mergeWith(other, [&](uint64_t& into, uint64_t n) { wrapped = __builtin_add_overflow(into, n, &into) || wrapped; });
+  if (wrapped) {
+    error = "its counts added to the others' would pass 18446744073709551615";
+    return false;
+  }
+  *this = std::move(sum);
+  return true;
 }
 
 KLTValue FleetSummary::toJson() const {
@@ -197,6 +214,12 @@ std::optional<FleetSummary> FleetSummary::fromJson(const KLTValue& json, std::st
         return std::nullopt;
       }
       t.firstDisplaySeconds[value] += n.get<uint64_t>();
+    }
+    if (t.devices > s.devices_ || t.admitted > t.devices || t.reached > t.devices || t.reached > t.displays) {
+      error = where + "the counts do not add up (devices " + std::to_string(t.devices) + " of " +
+              std::to_string(s.devices_) + ", admitted " + std::to_string(t.admitted) + ", reached " +
+              std::to_string(t.reached) + ", displays " + std::to_string(t.displays) + ")";
+      return std::nullopt;
     }
     s.campaigns_[id] = std::move(t);
   }

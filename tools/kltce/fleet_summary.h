@@ -53,9 +53,13 @@ class FleetSummary {
   // Adds one device's results. lines/events/badLines: what its replay read.
   void addDevice(const std::vector<DeviceCampaign>& campaigns, uint64_t lines, uint64_t events, uint64_t badLines);
   void merge(const FleetSummary& other);
+  // merge(), unless a sum would pass 2^64 - 1: then false, error set, and this is unchanged.
+  bool mergeChecked(const FleetSummary& other, std::string& error);
 
   KLTValue toJson() const;
-  // Reads toJson()'s form; nothing, with error set, when a field is missing or of the wrong kind.
+  // Reads toJson()'s form; nothing, with error set, when a field is missing or of the wrong kind, or
+  // when the counts do not add up (a campaign met, admitted or reaching more devices than it met,
+  // or met by more devices than the summary holds).
   static std::optional<FleetSummary> fromJson(const KLTValue& json, std::string& error);
   // A table for people: one row per campaign, then the rejections and "why not"s of each.
   void writeTable(std::ostream& out) const;
@@ -65,6 +69,9 @@ class FleetSummary {
   const std::map<std::string, CampaignTally>& campaigns() const { return campaigns_; }
 
  private:
+  template <typename Add>
+  void mergeWith(const FleetSummary& other, Add add);
+
   uint64_t devices_ = 0, lines_ = 0, events_ = 0, badLines_ = 0;
   std::map<std::string, CampaignTally> campaigns_;
 };

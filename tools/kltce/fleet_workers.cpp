@@ -1,12 +1,14 @@
 #include "tools/kltce/fleet_workers.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -119,6 +121,38 @@ bool writeAll(int fd, std::string_view text) {
   return true;
 }
 
+// A SIGTERM or SIGINT the parent received while its workers run; 0 when none.
+volatile std::sig_atomic_t stopSignal = 0;
+extern "C" void onStopSignal(int signal) { stopSignal = signal; }
+
+// While workers run, SIGTERM and SIGINT reach the parent's loop (they interrupt its poll) rather
+// than ending it at once: it stops the workers and removes their part files before it ends by the
+// same signal. The previous handlers come back when the workers are done.
+class StopSignals {
+ public:
+  StopSignals() {
+    stopSignal = 0;
+    struct sigaction action {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    for (int i = 0; i < 2; ++i) ::sigaction(kSignals[i], &action, &previous_[i]);
+  }
+  ~StopSignals() { restore(); }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  void restore() {
+    for (int i = 0; i < 2; ++i) ::sigaction(kSignals[i], &previous_[i], nullptr);
+  }
+  // In a forked worker: the signals end it as they would any process.
+  static void defaultsInWorker() {
+    for (int signal : kSignals) ::signal(signal, SIG_DFL);
+  }
+
+ private:
+  static constexpr int kSignals[2] = {SIGTERM, SIGINT};
+  struct sigaction previous_[2];
+};
+
 // One worker in a forked child: replays the pieces of the file it takes; writes its result to fd.
 // Never returns.
 [[noreturn]] void runWorker(const FleetCommand& command, FleetOptions options, std::size_t worker, std::size_t workers,
@@ -181,6 +215,10 @@ bool writeAll(int fd, std::string_view text) {
   if (result.exitCode != kExitOk) shared.stop(piece.value_or(0));
   putRows();
   csv.close();
+  if (!command.csv.empty() && !csv && result.exitCode == kExitOk) {
+    result.exitCode = kExitFailed;
+    result.error = "--csv: writing '" + csvPart + "' failed: " + std::strerror(errno);
+  }
   const bool written = writeAll(fd, fleetResultText(result));
   ::close(fd);
   // No destructor or exit handler of the parent's objects runs in the child.
@@ -202,6 +240,28 @@ std::vector<CsvSlice> csvSlices(std::size_t workers, const FleetPieces& pieces, 
   return slices;
 }
 
+// Ends the workers, removes their part files, and ends the process by the signal it received.
+[[noreturn]] void stopWorkers(const FleetCommand& command, const std::vector<pid_t>& pids, int signal) {
+  for (pid_t pid : pids) {
+    if (pid > 0) ::kill(pid, SIGTERM);
+  }
+  for (pid_t pid : pids) {
+    while (pid > 0 && ::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  if (!command.csv.empty()) {
+    for (std::size_t w = 0; w < pids.size(); ++w) {
+      std::error_code ec;
+      fs::remove(command.csv + ".part" + std::to_string(w), ec);
+    }
+  }
+  std::cout.flush();
+  std::cerr.flush();
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+  std::_Exit(128 + signal);
+}
+
 }  // namespace
 
 int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, std::size_t workers, std::ostream& out,
@@ -211,6 +271,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
   if (!shared.ok()) return failed(err, std::string("cannot share memory with the workers: ") + std::strerror(errno));
   std::vector<int> fds(workers, -1);
   std::vector<pid_t> pids(workers, -1);
+  StopSignals signals;
   std::vector<std::string> texts(workers);
   std::cout.flush();
   std::cerr.flush();
@@ -222,6 +283,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
     const pid_t pid = ::fork();
     if (pid < 0) return failed(err, std::string("cannot start a worker: ") + std::strerror(errno));
     if (pid == 0) {
+      StopSignals::defaultsInWorker();
       ::close(pipeFds[0]);
       for (std::size_t i = 0; i < w; ++i) ::close(fds[i]);
       runWorker(command, options, w, workers, pieces, pipeFds[1], shared);
@@ -242,6 +304,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
       owners.push_back(w);
     }
     const int ready = ::poll(polls.data(), polls.size(), 250);
+    if (stopSignal != 0) stopWorkers(command, pids, static_cast<int>(stopSignal));
     if (ready < 0 && errno != EINTR) break;
     for (std::size_t i = 0; ready > 0 && i < polls.size(); ++i) {
       if (polls[i].revents == 0) continue;
@@ -260,6 +323,8 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
       line.show(devices, events);
     }
   }
+  signals.restore();
+  if (stopSignal != 0) stopWorkers(command, pids, static_cast<int>(stopSignal));
   if (command.progress) {
     const auto [devices, events] = shared.progress();
     line.show(devices, events, true);
@@ -284,7 +349,7 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
                                                  fleetCsvHeader(options))) {
     return kExitFailed;
   }
-  return finishFleet(results, command.format, out, err);
+  return finishFleet(results, command.format, options.identity, out, err);
 }
 
 }  // namespace kltce

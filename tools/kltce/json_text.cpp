@@ -21,13 +21,19 @@ JsonResult parseJson(std::string_view text) {
 
 JsonResult loadJsonFile(const std::filesystem::path& path) {
   JsonResult r;
+  // A pipe or a device would make the open wait for a writer, or the read never end.
+  std::error_code ec;
+  if (const auto status = std::filesystem::status(path, ec);
+      !ec && status.type() != std::filesystem::file_type::regular && status.type() != std::filesystem::file_type::directory) {
+    r.error = "cannot read '" + path.string() + "': it is not a regular file (a pipe or a device)";
+    return r;
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     const int err = errno;
     r.error = "cannot read '" + path.string() + "': " + (err ? std::strerror(err) : "cannot open the file");
     return r;
   }
-  std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) {
     r.error = "cannot read '" + path.string() + "': it is a folder";
     return r;

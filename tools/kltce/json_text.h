@@ -25,7 +25,8 @@ JsonResult parseJson(std::string_view text);
 
 // Reads and parses a whole file. On failure the error names the file and the cause
 // ("cannot read 'x.json': No such file or directory", "'x.json' is not valid JSON: ...",
-// "'x.json' is refused: nested deeper than 256 levels at line 3, column 12").
+// "'x.json' is refused: nested deeper than 256 levels at line 3, column 12"). A pipe or a device is
+// refused unread ("it is not a regular file"), so that reading never waits for a writer.
 JsonResult loadJsonFile(const std::filesystem::path& path);
 
 // The compact JSON text of a value; invalid UTF-8 is replaced rather than refused.

@@ -1,11 +1,13 @@
 // kltce: replays event streams against campaign documents, checks documents against a device
 // profile, and expands message placeholders. Argument parsing only; the work is in kltce_tool.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -14,6 +16,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -144,7 +148,27 @@ static int runCommand(int argc, char** argv) {
   fleetMerge->add_option("--html", fleetHtml, "also write the sum as an HTML report to FILE");
   fleetMerge->add_option("--document", fleetCommand.document, "the campaign document, named with its SHA-256 in --html's header");
 
-  CLI11_PARSE(app, argc, argv);
+  // A word where a command is expected is named as an unknown command, not as a missing one.
+  for (auto [parent, place] : {std::pair{static_cast<CLI::App*>(&app), 1}, std::pair{stateCmd, 2}}) {
+    if (argc <= place || (place == 2 && std::string_view(argv[1]) != "state")) continue;
+    const std::string word = argv[place];
+    std::string names;
+    bool known = false;
+    for (const auto* sub : parent->get_subcommands({})) {
+      names += (names.empty() ? "" : ", ") + sub->get_name();
+      known = known || sub->check_name(word);
+    }
+    if (word.empty() || word[0] == '-' || known) continue;
+    std::cerr << "kltce: unknown command '" << word << "'" << (place == 2 ? " of state" : "") << " (commands: " << names
+              << "; kltce --help tells more)\n";
+    return kExitUsage;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --version end here with 0; every mistake on the command line is status 2.
+    return app.exit(e) == 0 ? kltce::kExitOk : kExitUsage;
+  }
 
   if (fleet->parsed()) {
     const bool comparison =
@@ -227,10 +251,22 @@ static int runCommand(int argc, char** argv) {
   if (startOpt->count() && !readInstantOption("--start", start, replayOptions.start)) return kExitUsage;
   replayOptions.statePath = kltce::resolveStatePath(
       stateOpt->count() ? std::optional<std::filesystem::path>(state) : std::nullopt, fresh);
+  if (replayOptions.statePath.empty() && !fresh) {
+    std::cerr << "kltce: note: KLTCE_STATE_DIR, XDG_STATE_HOME and HOME are all unset: the counters of this run are "
+                 "not kept (give --state FILE to keep them)\n";
+  }
   replayOptions.progress = ::isatty(STDERR_FILENO) == 1;
 
   std::ifstream file;
   std::istream* in = &std::cin;
+  if (events == "-" && ::fcntl(STDIN_FILENO, F_GETFD) == -1) {
+    std::cerr << "kltce: events: standard input is closed; give the stream with --events FILE or on standard input\n";
+    return kExitUsage;
+  }
+  if (std::error_code ec; events != "-" && std::filesystem::is_directory(events, ec)) {
+    std::cerr << "kltce: events: '" << events << "' is a folder; --events takes a file of JSON Lines\n";
+    return kExitUsage;
+  }
   if (events != "-") {
     file.open(events);
     if (!file) {
@@ -277,10 +313,14 @@ static int runCommand(int argc, char** argv) {
                                           std::cerr, explainHtmlOpt->count() ? &outcomes : nullptr)
           : kltce::runReplay(replayOptions, *in, std::cout, std::cerr);
   log.flush();
+  int code = result.exitCode;
   if (explainHtmlOpt->count() && !result.queueBlocked &&
-      !kltce::writeExplainReport(explainHtml, reportTrace, outcomes, reportFacts, std::cerr) &&
-      result.exitCode == kltce::kExitOk) {
-    return kExitUsage;
+      !kltce::writeExplainReport(explainHtml, reportTrace, outcomes, reportFacts, std::cerr) && code == kltce::kExitOk) {
+    code = kExitUsage;
+  }
+  if (traceOpt->count() && !traceFile.flush()) {
+    std::cerr << "kltce: --trace: writing '" << trace << "' failed: " << std::strerror(errno) << '\n';
+    if (code == kltce::kExitOk) code = kltce::kExitFailed;
   }
   // A task that threw on the engine's queue was logged and skipped there; the run is not sound.
   if (const auto failure = KLTSerialQueue::firstTaskFailure()) {
@@ -293,14 +333,23 @@ static int runCommand(int argc, char** argv) {
     std::cerr.flush();
     std::_Exit(result.exitCode);
   }
-  return result.exitCode;
+  return code;
+}
+
+// Output that did not reach standard output fails the command, whatever it did besides: a script
+// reading it must not take a cut result for a whole one.
+static int checkOutput(int code) {
+  if (std::cout.flush()) return code;
+  std::cerr << "kltce: writing standard output failed"
+            << (::fcntl(STDOUT_FILENO, F_GETFD) == -1 ? ": standard output is closed" : " (is the device full?)") << '\n';
+  return code == kltce::kExitOk ? kltce::kExitFailed : code;
 }
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
   // Whatever escapes a command ends the run with one line and a failure code, never with 0.
   try {
-    return runCommand(argc, argv);
+    return checkOutput(runCommand(argc, argv));
   } catch (const std::bad_alloc&) {
     std::cout.flush();
     std::cerr << "kltce: out of memory\n";

@@ -18,6 +18,7 @@
 #include "host/KLTUtilities.h"
 #include "platform/KLTDrainedSerialQueue.h"
 #include "platform/KLTLog.h"
+#include "platform/KLTStoreLock.h"
 #include "platform/KLTVirtualClock.h"
 #include "tools/kltce/analysis.h"
 #include "tools/kltce/display_table.h"
@@ -378,6 +379,10 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
     error = "the state path " + shownPath + " is a folder; --state takes a file name";
     return nullptr;
   }
+  if (fs::exists(path, ec) && !fs::is_regular_file(path, ec)) {
+    error = "the state path " + shownPath + " is not a regular file (a pipe or a device); --state takes a file";
+    return nullptr;
+  }
   const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
   fs::create_directories(folder, ec);
   if (ec || !fs::is_directory(folder)) {
@@ -399,6 +404,12 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
       return nullptr;
     }
   }
+  // The lock comes before a reset, so that a second run cannot remove the file a first one writes.
+  auto lock = KLTStoreLock::acquire(path, why);
+  if (!lock) {
+    error = "the state file " + shownPath + " is in use: " + why + "; run one replay per state file at a time";
+    return nullptr;
+  }
   if (fresh) {
     for (const auto& file : {path, wal, shm}) {
       fs::remove(file, ec);
@@ -408,7 +419,18 @@ std::shared_ptr<KLTUserDefaults> openStateStore(const fs::path& path, bool fresh
       }
     }
   }
-  return std::make_shared<KLTUserDefaults>(path);
+  // The store keeps its lock for as long as anyone holds it (the engine may, to the end of the process).
+  struct Locked {
+    Locked(std::unique_ptr<KLTStoreLock> l, const fs::path& p) : lock(std::move(l)), store(p) {}
+    std::unique_ptr<KLTStoreLock> lock;
+    KLTUserDefaults store;
+  };
+  auto locked = std::make_shared<Locked>(std::move(lock), path);
+  if (!locked->store.unusable().empty()) {
+    error = locked->store.unusable();
+    return nullptr;
+  }
+  return std::shared_ptr<KLTUserDefaults>(locked, &locked->store);
 }
 
 ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ostream& out, std::ostream& err) {
@@ -454,7 +476,10 @@ ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ost
   bool going = replay.startUp();
   if (going && first) going = replay.line(*first, *firstParsed);
   while (going && lines.next(number, parsed)) going = replay.line(number, parsed);
-  if (lines.failed() && going) replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
+  if (lines.failed() && going) {
+    replay.say() << "kltce: reading the event stream failed after line " << number << '\n';
+    if (replay.result.exitCode == kExitOk) replay.result.exitCode = kExitFailed;
+  }
   replay.finish();
   replay.result.lines = number;
   // The engine logs each save that fails and goes on with the counters in memory. Once it is idle,

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "KLTContextEvaluator/KLTCEConstants.h"
+#include "platform/KLTStoreLock.h"
 #include "platform/KLTUserDefaults.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/time_text.h"
@@ -63,7 +64,12 @@ int runStateShow(const fs::path& path, std::ostream& out, std::ostream& err) {
     err << "kltce: state: no counters stored at '" << path.string() << "'\n";
     return 2;
   }
-  KLTUserDefaults store(path);
+  // Read only: showing never writes, moves or creates anything, and a read-only file will do.
+  const KLTUserDefaults store(path, nullptr, KLTStoreAccess::ReadOnly);
+  if (!store.unusable().empty()) {
+    err << "kltce: state: " << store.unusable() << '\n';
+    return 2;
+  }
   KLTValue report = KLTValue::object();
   report["state"] = path.string();
   report["counters"] = countersForDisplay(store.objectForKey(kKLTFrequencyStoreKey));
@@ -76,7 +82,17 @@ int runStateReset(const fs::path& path, std::ostream& out, std::ostream& err) {
     out << "nothing to clear at '" << path.string() << "'\n";
     return 0;
   }
+  std::string why;
+  const auto lock = KLTStoreLock::acquire(path, why);
+  if (!lock) {
+    err << "kltce: state: cannot reset '" << path.string() << "': " << why << '\n';
+    return 2;
+  }
   KLTUserDefaults store(path);
+  if (!store.unusable().empty()) {
+    err << "kltce: state: " << store.unusable() << '\n';
+    return 2;
+  }
   const KLTValue stored = store.objectForKey(kKLTFrequencyStoreKey);
   store.removeObjectForKey(kKLTFrequencyStoreKey);
   if (!store.synchronize()) {

@@ -107,7 +107,7 @@ int main(int argc, char** argv) {
         !kltce::gatherCsvParts(command.csv, texts.size(), std::cerr, kltce::fleetCsvHeader(options))) {
       code = kltce::kExitFailed;
     }
-    if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, std::cout, std::cerr);
+    if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, options.identity, std::cout, std::cerr);
   }
   MPI_Bcast(&code, 1, MPI_INT, 0, MPI_COMM_WORLD);
   finish(code);
