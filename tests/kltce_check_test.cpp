@@ -1,6 +1,7 @@
 // `kltce check` without a process: each row breaks one thing in a sound document and names the one
 // finding it must give (path, severity, message) and whether the JSON Schema rejects the document;
-// then the exit status, --require-admitted, and the schema against every shipped document.
+// then the exit status, --require-admitted, the check without a profile (no admission), and the
+// schema against every shipped document.
 #include "tools/kltce/check.h"
 
 #include <functional>
@@ -132,6 +133,115 @@ TEST(KltceCheck, RejectionsForThisProfileAreErrorsOnlyWhenRequired) {
   const auto strict = check(options);
   EXPECT_EQ(strict.rc, 1);
   EXPECT_EQ(strict.report["errors"], 2);
+}
+
+kltce::CheckOptions withoutProfile(KLTValue document) {
+  kltce::CheckOptions o;
+  o.document = std::move(document);
+  o.json = true;
+  o.admission = kltce::Admission::NotChecked;
+  return o;
+}
+
+// Every finding of a report, campaigns' and the document's, in report order.
+std::vector<KLTValue> allFindings(const KLTValue& report) {
+  std::vector<KLTValue> findings(report["document"].begin(), report["document"].end());
+  for (const auto& c : report["campaigns"]) findings.insert(findings.end(), c["findings"].begin(), c["findings"].end());
+  return findings;
+}
+
+struct NoProfileRow {
+  const char* note;
+  std::function<void(KLTValue& c)> change;  // c: the sound document's first campaign
+  const char* path;                         // the one finding, or nullptr for none
+  const char* severity = "error";
+};
+
+// Without a profile a mistake in the document's own values is found; a rejection that another
+// device, user, app version or moment would not give is not a finding.
+TEST(KltceCheck, WithoutProfileOnlyTheDocumentsOwnMistakesAreFound) {
+  auto cond = [](KLTValue& c) -> KLTValue& { return c["conditions"][0]; };
+  const NoProfileRow rows[] = {
+      {"sound", [](KLTValue&) {}, nullptr},
+      {"another device", [](KLTValue& c) { c["audience"]["hw"] = {{"val", "iPad13,1"}}; }, nullptr},
+      {"a model that is not text", [](KLTValue& c) { c["audience"]["hw"] = {{"val", 13}}; }, "/configs/0/audience/hw/val"},
+      {"another app version", [](KLTValue& c) { c["audience"]["ver"] = {{"val", "3.0"}, {"op", "GTE"}}; }, nullptr},
+      {"a version word outside the words", [](KLTValue& c) { c["audience"]["ver"] = {{"val", "3.0"}, {"op", "GTEE"}}; },
+       "/configs/0/audience/ver/op"},
+      {"no version under a known word: the schema's only", [](KLTValue& c) { c["audience"]["ver"] = {{"op", "NEQ"}}; },
+       "/configs/0/audience/ver/val", "warning"},
+      {"another user", [](KLTValue& c) { c["audience"]["attributes"]["user"] = {{{"name", "first_name"}, {"operator", "EQ"}, {"value", {"Bob"}}}}; },
+       nullptr},
+      {"user rules not a list", [](KLTValue& c) { c["audience"]["attributes"]["user"] = {{"name", "first_name"}}; },
+       "/configs/0/audience/attributes/user"},
+      {"session rules not a list", [](KLTValue& c) { c["audience"]["attributes"]["session"] = "city"; },
+       "/configs/0/audience/attributes/session"},
+      {"first session only", [](KLTValue& c) { c["audience"]["audience_type"] = "FTU"; }, nullptr},
+      {"not started yet", [](KLTValue& c) { c["validity"]["start_date"] = "2026-12-01T00:00:00Z"; c["validity"]["end_date"] = "2026-12-31T00:00:00Z"; },
+       nullptr},
+      {"over", [](KLTValue& c) { c["validity"]["start_date"] = "2026-01-01T00:00:00Z"; c["validity"]["end_date"] = "2026-02-01T00:00:00Z"; },
+       nullptr},
+      {"end before start", [](KLTValue& c) { c["validity"]["end_date"] = "2025-01-01T00:00:00Z"; }, "/configs/0/validity/end_date"},
+      {"a date that is not one", [](KLTValue& c) { c["validity"]["start_date"] = "soon"; }, "/configs/0/validity/start_date"},
+      {"switched off", [](KLTValue& c) { c["enabled"] = false; }, "/configs/0/enabled", "info"},
+      {"lower-case and", [&](KLTValue& c) { cond(c)["combine_operator"] = "and"; }, "/configs/0/conditions/0/combine_operator"},
+      {"static analysis: GTEE", [&](KLTValue& c) { cond(c)["count_config"]["operator"] = "GTEE"; },
+       "/configs/0/conditions/0/count_config/operator"},
+      {"schema only: rule_type", [&](KLTValue& c) { cond(c)["rule_type"] = 5; }, "/configs/0/conditions/0/rule_type", "warning"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    KLTValue document = soundDocument();
+    row.change(document["configs"][0]);
+    const auto [rc, report] = check(withoutProfile(document));
+    const auto findings = allFindings(report);
+    ASSERT_EQ(findings.size(), row.path ? 1u : 0u) << report.dump(1);
+    if (row.path) {
+      EXPECT_EQ(findings[0]["path"], row.path);
+      EXPECT_EQ(findings[0]["severity"], row.severity);
+    }
+    EXPECT_EQ(rc, row.path && std::string_view(row.severity) == "error" ? 1 : 0);
+    EXPECT_EQ(report["admission"], "not checked");
+    for (const char* key : {"admitted", "rejected"}) EXPECT_FALSE(report.contains(key)) << key;
+    for (const auto& c : report["campaigns"]) {
+      for (const char* key : {"admitted", "reason"}) EXPECT_FALSE(c.contains(key)) << key;
+    }
+  }
+}
+
+// The same document checked without a profile gives the findings it gives with any profile, less
+// those that only a device, user or moment gives (the infos of a rejection, a switched-off
+// campaign aside), for every shipped document and profile.
+TEST(KltceCheck, WithoutProfileGivesTheFindingsEveryProfileGives) {
+  for (const auto& document : {kSource / "examples" / "campaigns.json", kSource / "examples" / "flawed_campaigns.json",
+                               kSource / "examples" / "why_not.json", kSource / "examples" / "fleet" / "campaigns_v2.json",
+                               kData / "campaigns.json", kData / "flawed.json", kData / "blocked.json", kData / "endless.json"}) {
+    const KLTValue doc = kltce::loadJsonFile(document).value;
+    const auto bare = check(withoutProfile(doc));
+    for (const auto& profile : {kSource / "examples" / "profile.json", kData / "profile.json"}) {
+      SCOPED_TRACE(document.string() + " with " + profile.string());
+      auto options = optionsFor(doc);
+      options.profile = kltce::parseProfile(kltce::loadJsonFile(profile).value).profile;
+      const auto full = check(options);
+      std::vector<KLTValue> everywhere;
+      for (const auto& f : allFindings(full.report)) {
+        const std::string path = f["path"];
+        const bool ofThisProfile = f["rejects"] == true && f["severity"] == "info" && !path.ends_with("/enabled");
+        if (!ofThisProfile) everywhere.push_back(f);
+      }
+      EXPECT_EQ(allFindings(bare.report), everywhere) << bare.report.dump(1);
+      EXPECT_EQ(bare.rc, full.rc);
+    }
+  }
+}
+
+TEST(KltceCheck, RequireAdmittedWithoutProfileIsAUsageError) {
+  auto options = withoutProfile(soundDocument());
+  options.requireAdmitted = true;
+  std::ostringstream out, err;
+  EXPECT_EQ(kltce::runCheck(options, out, err), 2);
+  EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(err.str(), "kltce: --require-admitted needs --profile: without a profile no admission is checked\n");
 }
 
 TEST(KltceCheck, SchemaAcceptsTheSoundDocumentsAndRejectsTheFlawedOnes) {

@@ -82,6 +82,21 @@ kltce_e2e(check_sound_document
 kltce_e2e(check_example_document_passes
   ARGS check|--document|${kltce_examples}/campaigns.json|--profile|${kltce_examples}/profile.json|--at|2026-11-22T09:00:00Z
   EXPECT_OUT_REGEX "^welcome_offer: admitted\nfeedback_survey: admitted\ntips_banner: admitted\n3 campaigns: 3 admitted, 0 rejected; 0 errors, 0 warnings, 0 infos\n$")
+# Without --profile: the document's own mistakes, and no admission (a usage error for the options
+# that need one).
+kltce_e2e(check_without_profile
+  ARGS check|--document|${kltce_examples}/flawed_campaigns.json
+  EXPECT_RC 1 EXPECT_OUT ${kltce_data}/flawed_campaigns.no_profile.expected.txt)
+kltce_e2e(check_without_profile_json
+  ARGS check|--document|${kltce_data}/campaigns.json|--json
+  EXPECT_OUT_REGEX "^{\"document\":..,\"campaigns\":..\"index\":0,\"id\":\"tap_promo\",\"findings\":...,{\"index\":1,\"id\":\"idle_survey\",\"findings\":....,\"admission\":\"not checked\",\"errors\":0,\"warnings\":0,\"infos\":0}\n$")
+foreach(option --require-admitted --at|2026-11-22T09:00:00Z --compare|${kltce_data}/campaigns.json)
+  string(REGEX REPLACE "\\|.*" "" flag "${option}")
+  string(REPLACE "-" "" name "${flag}")
+  kltce_e2e(check_without_profile_${name}
+    ARGS check|--document|${kltce_data}/campaigns.json|${option}
+    EXPECT_RC 2 EXPECT_ERR "^kltce: ${flag} needs --profile: without a profile no admission is checked\n$")
+endforeach()
 kltce_e2e(macros_expand
   ARGS "macros|--profile|${kltce_data}/profile.json|Hi [user_first_name(there)], [session_city(welcome)]!"
   EXPECT_OUT_REGEX "^Hi Ada, welcome!\n$")

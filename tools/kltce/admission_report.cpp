@@ -29,13 +29,21 @@ bool isOperator(const KLTValue& v) {
 
 class Report {
  public:
-  explicit Report(const KLTValue& config) : config_(config) {}
+  // readsHost false: only the steps that fail whatever the host's state and the moment.
+  Report(const KLTValue& config, bool readsHost) : config_(config), readsHost_(readsHost) {}
 
   std::vector<Finding> run() {
     checkEnabled();
     const KLTValue& audience = valueForKey(config_, kKLTAudience);
     checkHardware(valueForKey(audience, "hw"));
     checkVersion(valueForKey(audience, "ver"));
+    if (!readsHost_) {
+      checkRulesShape(valueForKey(valueForKey(audience, kKLTAttributes), kKLTUser), "user");
+      checkRulesShape(valueForKey(valueForKey(audience, kKLTAttributes), kKLTSession), "session");
+      checkValidity();
+      checkConditions();
+      return std::move(findings_);
+    }
     if (klt::isText(valueForKey(audience, kKLTAudienceType), kKLTFTU) && !KLTUtilities::isFirstSession()) {
       add(Severity::Info, "/audience/audience_type", valueForKey(audience, kKLTAudienceType),
           "FTU condition failed: this is not the app's first session");
@@ -68,10 +76,13 @@ class Report {
   void checkHardware(const KLTValue& hw) {
     if (hw.is_null()) return;
     const KLTValue& wanted = valueForKey(hw, "val");
-    const std::string device = KLTUtilities::deviceName();
     if (!hasText(wanted)) {
       add(Severity::Error, "/audience/hw/val", wanted, "Hardware Model check failed: no model name, so no device matches");
-    } else if (*klt::stringPtr(wanted) != device) {
+      return;
+    }
+    if (!readsHost_) return;
+    const std::string device = KLTUtilities::deviceName();
+    if (*klt::stringPtr(wanted) != device) {
       add(Severity::Info, "/audience/hw/val", wanted, "Hardware Model check failed: device \"" + device + "\" is not " + shownValue(wanted));
     }
   }
@@ -80,10 +91,12 @@ class Report {
     if (ver.is_null()) return;
     const KLTValue& wanted = valueForKey(ver, "val");
     const KLTValue& op = valueForKey(ver, "op");
-    if (KLTCEUtility::checkGivenVersion(klt::textForm(wanted), op)) return;
+    if (readsHost_ && KLTCEUtility::checkGivenVersion(klt::textForm(wanted), op)) return;
     if (!isOperator(op)) {
       add(Severity::Error, "/audience/ver/op", op,
           "Version check failed: op " + shownValue(op) + " is not EQ, NEQ, GT, GTE, LT or LTE, so no app version passes");
+    } else if (!readsHost_) {
+      return;  // under a word it knows, the outcome depends on the app's version (a missing val too)
     } else if (wanted.is_null()) {
       add(Severity::Error, "/audience/ver/val", wanted, "Version check failed: no version to compare with");
     } else {
@@ -97,10 +110,7 @@ class Report {
   void checkRules(const KLTValue& rules, const std::string& whose, const std::shared_ptr<const KLTValue>& existing) {
     const std::string path = "/audience/attributes/" + whose;
     const std::string title = whose == "user" ? "User" : "Session";
-    if (!klt::isList(rules)) {
-      add(Severity::Error, path, rules, "Invalid " + whose + " attrs format: " + whose + " must be a list (it may be empty)");
-      return;
-    }
+    if (!checkRulesShape(rules, whose)) return;
     static const KLTValue kNone;
     const KLTValue& attributes = existing ? *existing : kNone;
     for (std::size_t i = 0; i < rules.size(); ++i) {
@@ -142,12 +152,15 @@ class Report {
       }
     }
     if (!start || !end) return;
-    const KLTTimePoint now = KLTClock::current()->now();
     if (*end < *start) {
       add(Severity::Error, "/validity/end_date", endText,
           why + "end_date " + shownValue(endText) + " is before start_date " + shownValue(startText) +
               ", so no moment is within them");
-    } else if (now < *start) {
+      return;
+    }
+    if (!readsHost_) return;
+    const KLTTimePoint now = KLTClock::current()->now();
+    if (now < *start) {
       add(Severity::Info, "/validity/start_date", startText, why + "not started: now " + klt::formatDate(now) + " is before " + shownValue(startText));
     } else if (now > *end) {
       add(Severity::Info, "/validity/end_date", endText, why + "over: now " + klt::formatDate(now) + " is after " + shownValue(endText));
@@ -185,14 +198,26 @@ class Report {
     }
   }
 
+  // A rule's outcome depends on the host's attributes (one the host does not know holds), so
+  // without the host only rules that are not a list fail for sure. False for those.
+  bool checkRulesShape(const KLTValue& rules, const std::string& whose) {
+    if (klt::isList(rules)) return true;
+    add(Severity::Error, "/audience/attributes/" + whose, rules,
+        "Invalid " + whose + " attrs format: " + whose + " must be a list (it may be empty)");
+    return false;
+  }
+
   static bool hasText(const KLTValue& v) { return klt::stringPtr(v) != nullptr; }
 
   const KLTValue& config_;
+  const bool readsHost_;
   std::vector<Finding> findings_;
 };
 
 }  // namespace
 
-std::vector<Finding> admissionFindings(const KLTValue& config) { return Report(config).run(); }
+std::vector<Finding> admissionFindings(const KLTValue& config) { return Report(config, true).run(); }
+
+std::vector<Finding> unconditionalAdmissionFindings(const KLTValue& config) { return Report(config, false).run(); }
 
 }  // namespace kltce

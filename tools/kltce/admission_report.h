@@ -21,4 +21,10 @@ namespace kltce {
 // Findings all carry `rejects` = true. Empty when the engine admits the campaign.
 std::vector<Finding> admissionFindings(const KLTValue& config);
 
+// The findings of admissionFindings that every host state and moment give: the values that make
+// the engine reject the campaign on any device (a date that is not one, an end before the start, a
+// word outside the vocabulary, a missing additional_info, ...) and a campaign switched off. Reads
+// neither the host's state nor the clock; pure, safe from any thread.
+std::vector<Finding> unconditionalAdmissionFindings(const KLTValue& config);
+
 }  // namespace kltce

@@ -137,11 +137,13 @@ void prefixPaths(std::vector<Finding>& findings, const std::string& prefix) {
 }  // namespace
 
 std::vector<CampaignVerdict> checkCampaigns(const KLTValue& document, std::vector<Finding>& documentFindings,
-                                            bool requireAdmitted) {
+                                            bool requireAdmitted, Admission admission) {
   std::vector<CampaignVerdict> verdicts;
   const KLTValue& configs = klt::valueForKey(document, "configs");
   if (!configs.is_array()) return verdicts;
-  auto& evaluator = KLTContextEvaluator::sharedInstance();  // its start-up line stays out of the capture
+  const bool checked = admission == Admission::Checked;
+  // Made before the capture, so its start-up line stays out of it.
+  KLTContextEvaluator* evaluator = checked ? &KLTContextEvaluator::sharedInstance() : nullptr;
   std::map<std::string, std::size_t> firstWithId;
   for (std::size_t i = 0; i < configs.size(); ++i) {
     const KLTValue& config = configs[i];
@@ -149,14 +151,14 @@ std::vector<CampaignVerdict> checkCampaigns(const KLTValue& document, std::vecto
     CampaignVerdict v;
     v.index = i;
     v.id = klt::valueForKey(config, "_id");
-    {
+    if (checked) {
       auto capture = CheckLogCapture::install();
-      v.admitted = evaluator.checkConfiguration(config);
+      v.admitted = evaluator->checkConfiguration(config);
       capture->uninstall();
       if (!v.admitted) v.reason = reasonFrom(capture->lines());
     }
-    v.findings = admissionFindings(config);
-    if (!v.admitted && v.findings.empty()) {
+    v.findings = checked ? admissionFindings(config) : unconditionalAdmissionFindings(config);
+    if (checked && !v.admitted && v.findings.empty()) {
       v.findings.push_back(Finding{Severity::Error, "", config, v.reason, true});
     }
     for (auto& f : analyzeCampaign(config)) v.findings.push_back(std::move(f));
@@ -225,12 +227,17 @@ int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
     err << "kltce: the document's \"configs\" must be a list of campaigns\n";
     return 2;
   }
-  applyProfile(options.profile);
+  const bool checked = options.admission == Admission::Checked;
+  if (!checked && options.requireAdmitted) {
+    err << "kltce: --require-admitted needs --profile: without a profile no admission is checked\n";
+    return 2;
+  }
+  if (checked) applyProfile(options.profile);
   std::vector<CampaignVerdict> verdicts;
   std::vector<Finding> documentFindings;
   {
-    ClockOverride clock(options.at);
-    verdicts = checkCampaigns(options.document, documentFindings, options.requireAdmitted);
+    ClockOverride clock(checked ? options.at : std::nullopt);
+    verdicts = checkCampaigns(options.document, documentFindings, options.requireAdmitted, options.admission);
   }
   int admitted = 0, rejected = 0;
   int counts[3] = {0, 0, 0};  // by severity: info, warning, error
@@ -249,14 +256,18 @@ int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
       KLTValue c = KLTValue::object();
       c["index"] = v.index;
       c["id"] = v.id;
-      c["admitted"] = v.admitted;
-      if (!v.admitted) c["reason"] = v.reason;
+      if (checked) c["admitted"] = v.admitted;
+      if (checked && !v.admitted) c["reason"] = v.reason;
       c["findings"] = KLTValue::array();
       for (const auto& f : v.findings) c["findings"].push_back(findingJson(f));
       report["campaigns"].push_back(std::move(c));
     }
-    report["admitted"] = admitted;
-    report["rejected"] = rejected;
+    if (checked) {
+      report["admitted"] = admitted;
+      report["rejected"] = rejected;
+    } else {
+      report["admission"] = "not checked";
+    }
     report["errors"] = errors;
     report["warnings"] = warnings;
     report["infos"] = infos;
@@ -265,11 +276,16 @@ int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
     if (!documentFindings.empty()) out << "document:\n";
     for (const auto& f : documentFindings) writeFinding(out, f);
     for (const auto& v : verdicts) {
-      out << idText(v) << (v.admitted ? ": admitted" : ": rejected: " + v.reason) << '\n';
+      out << idText(v) << (!checked ? ":" : v.admitted ? ": admitted" : ": rejected: " + v.reason) << '\n';
       for (const auto& f : v.findings) writeFinding(out, f);
     }
-    out << counted(static_cast<int>(verdicts.size()), " campaign: ", " campaigns: ") << admitted << " admitted, " << rejected
-        << " rejected; " << counted(errors, " error, ", " errors, ") << counted(warnings, " warning, ", " warnings, ")
+    out << counted(static_cast<int>(verdicts.size()), " campaign: ", " campaigns: ");
+    if (checked) {
+      out << admitted << " admitted, " << rejected << " rejected; ";
+    } else {
+      out << "admission not checked; ";
+    }
+    out << counted(errors, " error, ", " errors, ") << counted(warnings, " warning, ", " warnings, ")
         << counted(infos, " info\n", " infos\n");
   }
   return errors > 0 ? 1 : 0;

@@ -112,12 +112,13 @@ static int runCommand(int argc, char** argv) {
   run->add_option("--format", format, "display events as json (JSON Lines, the default) or text (an aligned table)")
       ->check(CLI::IsMember({"json", "text"}));
 
-  auto* check = app.add_subcommand("check", "validate a document: what the profile admits, and every mistake in it");
+  auto* check = app.add_subcommand("check", "validate a document: every mistake in it, and what the profile admits");
   check->add_option("--document", document, "campaign document (JSON)")->required();
-  check->add_option("--profile", profile, "device profile (JSON)")->required();
+  auto* checkProfileOpt = check->add_option(
+      "--profile", profile, "device profile (JSON); without it: the document's mistakes only, admission not checked");
   check->add_flag("--json", json, "one JSON object on standard output");
-  check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error");
-  auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now)");
+  check->add_flag("--require-admitted", requireAdmitted, "a campaign this profile does not admit is an error (needs --profile)");
+  auto* atOpt = check->add_option("--at", at, "check at this time (ISO 8601 or epoch ms; default: now; needs --profile)");
   std::string compareDocument;
   auto* compareOpt = check->add_option(
       "--compare", compareDocument,
@@ -202,8 +203,15 @@ static int runCommand(int argc, char** argv) {
                                : kltce::runStateReset(statePath, std::cout, std::cerr);
   }
 
+  // A document's author checks its mistakes without any device: nothing then depends on a moment.
+  const bool checkWithoutProfile = check->parsed() && checkProfileOpt->count() == 0;
+  if (checkWithoutProfile && (atOpt->count() || compareOpt->count())) {
+    std::cerr << "kltce: " << (atOpt->count() ? "--at" : "--compare")
+              << " needs --profile: without a profile no admission is checked\n";
+    return kExitUsage;
+  }
   kltce::Profile p;
-  if (!loadProfile(profile, p)) return kExitUsage;
+  if (!checkWithoutProfile && !loadProfile(profile, p)) return kExitUsage;
 
   if (macros->parsed()) {
     if (textOpt->count() == 0) {
@@ -227,6 +235,7 @@ static int runCommand(int argc, char** argv) {
     checkOptions.profile = std::move(p);
     checkOptions.json = json;
     checkOptions.requireAdmitted = requireAdmitted;
+    if (checkWithoutProfile) checkOptions.admission = kltce::Admission::NotChecked;
     if (atOpt->count() && !readInstantOption("--at", at, checkOptions.at)) return kExitUsage;
     if (compareOpt->count()) {
       KLTValue before;
