@@ -41,9 +41,6 @@ class KLTCEAttributeMatcher {
   // event, the key that holds it. "" when the data can match no event at all.
   std::optional<std::string> failingKey(const klt::KLTKeyIndex& attributes) const;
 
-  // Whether the data asks for nothing (no key is ever looked up).
-  bool empty() const { return rules_.empty() && !never_; }
-
  private:
   enum class Check : uint8_t { Text, Truth, Number, Identity };
   struct Rule {

@@ -52,7 +52,6 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   const KLTValue& eventType() const { return rule_->eventType; }
   KLTCECombine combine() const { return rule_->combine; }
   const KLTValue& combineOperator() const { return rule_->combineWord; }
-  const std::shared_ptr<KLTCETrigger>& trigger() const { return _trigger; }
 
   // Matching events counted so far, and whether an idle wait is pending (for inspection).
   int64_t occurrenceCount() const { return count; }

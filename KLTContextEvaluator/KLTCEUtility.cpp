@@ -15,10 +15,6 @@ constexpr std::string_view kRuleValue = "value";
 
 using Word = KLTCEOperator;
 
-Word operatorWord(const KLTValue& op) { return KLTCEOperatorOf(op); }
-
-bool compareIntegers(int64_t a, int64_t b, Word word) { return KLTCECompare(a, b, word); }
-
 bool checkBoolWord(bool a, bool b, Word word) {
   switch (word) {
     case Word::EQ:
@@ -50,7 +46,7 @@ bool checkAttrValueWord(const KLTValue& v, int64_t g, Word word) {
     const bool contained = klt::listContains(v, KLTValue(g));
     return word == Word::EQ ? contained : !contained;
   }
-  if (klt::isNumber(v)) return compareIntegers(klt::integerValue(v), g, word);
+  if (klt::isNumber(v)) return KLTCECompare(klt::integerValue(v), g, word);
   return false;
 }
 
@@ -88,16 +84,16 @@ std::vector<std::string_view> versionComponents(std::string_view version) {
 
 }  // namespace
 
-bool KLTCEUtility::checkBool(bool a, bool b, const KLTValue& op) { return checkBoolWord(a, b, operatorWord(op)); }
+bool KLTCEUtility::checkBool(bool a, bool b, const KLTValue& op) { return checkBoolWord(a, b, KLTCEOperatorOf(op)); }
 
-bool KLTCEUtility::checkValue(int64_t a, int64_t b, const KLTValue& op) { return compareIntegers(a, b, operatorWord(op)); }
+bool KLTCEUtility::checkValue(int64_t a, int64_t b, const KLTValue& op) { return KLTCECompare(a, b, KLTCEOperatorOf(op)); }
 
 bool KLTCEUtility::checkString(const KLTValue& s, const KLTValue& v, const KLTValue& op) {
-  return checkStringWord(s, v, operatorWord(op));
+  return checkStringWord(s, v, KLTCEOperatorOf(op));
 }
 
 bool KLTCEUtility::checkAttrValue(const KLTValue& v, int64_t g, const KLTValue& op) {
-  return checkAttrValueWord(v, g, operatorWord(op));
+  return checkAttrValueWord(v, g, KLTCEOperatorOf(op));
 }
 
 bool KLTCEUtility::evaluateConditionStatus(bool x, bool y, const KLTValue& op) {
@@ -123,7 +119,7 @@ bool KLTCEUtility::compareGivenAttributes(const KLTValue& rule, const KLTValue& 
   const KLTValue& op = klt::valueForKey(rule, kKLTOperator);
   if (klt::isList(x)) return doesArray(x, value, op);
   if (klt::isString(x) || klt::isNumber(x)) {
-    const Word word = operatorWord(op);
+    const Word word = KLTCEOperatorOf(op);
     if (word != Word::EQ && word != Word::NEQ) return true;  // an unknown word leaves the rule holding
     if (!value.is_null() && !klt::isList(value)) return false;  // membership of a non-list is undefined
     const bool contained = klt::listContains(value, x);
@@ -133,7 +129,7 @@ bool KLTCEUtility::compareGivenAttributes(const KLTValue& rule, const KLTValue& 
 }
 
 bool KLTCEUtility::doesArray(const KLTValue& a, const KLTValue& b, const KLTValue& op) {
-  const Word word = operatorWord(op);
+  const Word word = KLTCEOperatorOf(op);
   if (word != Word::EQ && word != Word::NEQ) return true;  // unlike the scalar checks, on purpose
   if (b.is_null()) return true;                             // nothing asked for
   if (!klt::isList(b)) return false;                        // only a list can be gone through
@@ -190,7 +186,7 @@ bool KLTCEUtility::doesDictionary(const KLTValue& a, const KLTValue& b) {
 bool KLTCEUtility::checkGivenVersion(const std::string& given, const KLTValue& op) {
   const std::optional<std::string> app = KLTBundle::shortVersionString();
   if (!app) return false;
-  const Word word = operatorWord(op);
+  const Word word = KLTCEOperatorOf(op);
   if (word == Word::Other) return false;
 
   const std::vector<std::string_view> g = versionComponents(given);

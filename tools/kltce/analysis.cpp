@@ -43,9 +43,6 @@ std::optional<int64_t> epochMillis(const KLTValue& date) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(t->time_since_epoch()).count();
 }
 
-// The engine's reading of "HH:MM" (anything unreadable reads 00:00).
-std::pair<int64_t, int64_t> readClock(const KLTValue& v) { return KLTCETimeLimits::readTimeOfDay(v); }
-
 // "HH:MM" on the 24-hour clock, or "24:00".
 bool isClockText(const KLTValue& v) {
   const std::string* s = klt::stringPtr(v);
@@ -53,7 +50,7 @@ bool isClockText(const KLTValue& v) {
   for (int i : {0, 1, 3, 4}) {
     if ((*s)[i] < '0' || (*s)[i] > '9') return false;
   }
-  const auto [h, m] = readClock(v);
+  const auto [h, m] = KLTCETimeLimits::readTimeOfDay(v);
   return (h < 24 && m < 60) || (h == 24 && m == 0);
 }
 
@@ -162,8 +159,8 @@ class Analyzer {
     }
     const KLTValue& startText = valueForKey(limits, kKLTStartTime);
     const KLTValue& endText = valueForKey(limits, kKLTEndTime);
-    const auto [sh, sm] = readClock(startText);
-    const auto [eh, em] = readClock(endText);
+    const auto [sh, sm] = KLTCETimeLimits::readTimeOfDay(startText);
+    const auto [eh, em] = KLTCETimeLimits::readTimeOfDay(endText);
     for (const auto& [key, text, h, m] : {std::tuple{"start_time", &startText, sh, sm}, std::tuple{"end_time", &endText, eh, em}}) {
       if (!text->is_null() && !isClockText(*text)) {
         add(Severity::Warning, std::string("/time_limits/") + key, *text,
