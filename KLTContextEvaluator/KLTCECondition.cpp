@@ -5,7 +5,9 @@
 
 KLTCECondition::KLTCECondition(Token, std::shared_ptr<const KLTCEConditionRule> rule, std::function<void()> handler,
                                KLTCEDecisionSource source)
-    : completionHandler(std::move(handler)), rule_(std::move(rule)), decisionSource(std::move(source)) {}
+    : completionHandler(std::move(handler)), rule_(std::move(rule)), decisionSource(std::move(source)) {
+  if (KLTContextEvaluator* engine = KLTContextEvaluator::bound()) queue_ = engine->ceOpsSerialQueue();
+}
 
 std::shared_ptr<KLTCECondition> KLTCECondition::create(std::shared_ptr<const KLTCEConditionRule> rule,
                                                        std::function<void()> handler, KLTCEDecisionSource source) {
@@ -18,7 +20,7 @@ std::shared_ptr<KLTCECondition> KLTCECondition::create(std::shared_ptr<const KLT
 }
 
 void KLTCECondition::arm() {
-  auto& controller = KLTController::sharedController();
+  auto& controller = KLTController::current();
   KLTCEDecisions::conditionArmed(decisionSource, *this);
   switch (rule_->kind) {
     case KLTCEEventKind::AppEvent:
@@ -70,7 +72,7 @@ void KLTCECondition::cancelIdleTimeTimer() {
 
 void KLTCECondition::onEvent(std::shared_ptr<const KLTEvent> event) {
   if (!event) return;
-  KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->async(
+  queue().async(
       [self = shared_from_this(), event = std::move(event)] { self->handleQueuedEvent(*event); });
 }
 
@@ -80,7 +82,7 @@ void KLTCECondition::countAndCheck(const KLTEvent& event) {
   // The host time is read only when the count holds.
   const KLTCEConditionRule& r = *rule_;
   const bool countHeld = KLTCECompare(count, r.countConfig.count(), r.countConfig.op());
-  const bool completed = countHeld && r.timeBounds.contains(KLTController::sharedController().currentSDKTimeInMillis());
+  const bool completed = countHeld && r.timeBounds.contains(KLTController::current().currentSDKTimeInMillis());
   KLTCEDecisions::eventCounted(decisionSource, *this, event, countHeld, completed);
   if (completed) {
     _satisfied = true;
@@ -88,7 +90,9 @@ void KLTCECondition::countAndCheck(const KLTEvent& event) {
   }
 }
 
-KLTSerialQueue* KLTCECondition::eventQueue() const { return KLTContextEvaluator::sharedInstance().ceOpsSerialQueue().get(); }
+KLTSerialQueue* KLTCECondition::eventQueue() const { return &queue(); }
+
+KLTSerialQueue& KLTCECondition::queue() const { return queue_ ? *queue_ : *KLTContextEvaluator::sharedInstance().ceOpsSerialQueue(); }
 
 void KLTCECondition::handleQueuedEvent(const KLTEvent& event) {
   // Handled by the event's code, whatever this condition's own type: an idle condition also

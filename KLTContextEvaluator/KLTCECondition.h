@@ -78,6 +78,9 @@ class KLTCECondition final : public KLTEventListener, public std::enable_shared_
   std::shared_ptr<KLTTimer> timer;
   std::function<void()> completionHandler;
   std::shared_ptr<const KLTCEConditionRule> rule_;
+  // The queue of the engine instance that built it; nullptr for the shared instance's.
+  std::shared_ptr<KLTSerialQueue> queue_;
+  KLTSerialQueue& queue() const;
   std::shared_ptr<KLTCETrigger> _trigger;
   KLTCEDecisionSource decisionSource;
 };

@@ -115,7 +115,7 @@ void KLTCEConfigItem::dispatchEventWithType(KLTCEDisplayKind type) {
       return;  // unknown display type: nothing is dispatched
   }
   KLTCEDecisions::dispatched(*this, *event);
-  KLTController::sharedController().dispatchEvent(std::move(event));
+  KLTController::current().dispatchEvent(std::move(event));
 }
 
 void KLTCEConfigItem::release() {

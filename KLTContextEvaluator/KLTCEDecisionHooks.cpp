@@ -15,16 +15,14 @@
 #include "platform/KLTBundle.h"
 #include "platform/KLTClock.h"
 
-std::atomic<KLTCEDecisionObserver*> KLTCEDecisions::installed{nullptr};
+KLTCEDecisions::Channel KLTCEDecisions::shared;
 
 namespace {
-
-std::atomic<uint64_t> sequenceNumber{0};
 
 void deliver(KLTCEDecisionKind kind, std::string campaign, int64_t condition, KLTValue values) {
   KLTCEDecisionObserver* observer = KLTCEDecisions::observer();
   if (!observer) return;
-  KLTCEDecision decision{++sequenceNumber, kind, std::move(campaign), condition, std::move(values)};
+  KLTCEDecision decision{++KLTCEDecisions::channel().sequence, kind, std::move(campaign), condition, std::move(values)};
   observer->onDecision(decision);
   klt::release(decision.values);
 }
@@ -116,12 +114,12 @@ class ReusedValues {
 void ReusedValues::deliver(KLTCEDecisionKind kind, const std::string& campaign, int64_t condition) {
   KLTCEDecisionObserver* observer = KLTCEDecisions::observer();
   if (!observer) return;
-  KLTCEDecision decision{++sequenceNumber, kind, campaign, condition, std::move(values_)};
+  KLTCEDecision decision{++KLTCEDecisions::channel().sequence, kind, campaign, condition, std::move(values_)};
   observer->onDecision(decision);
   values_ = std::move(decision.values);
 }
 
-int64_t hostMillis() { return KLTController::sharedController().currentSDKTimeInMillis(); }
+int64_t hostMillis() { return KLTController::current().currentSDKTimeInMillis(); }
 
 std::string hourMinute(int64_t hour, int64_t minute) {
   if (hour >= 0 && hour <= 99 && minute >= 0 && minute <= 99) {  // the common case, as printf writes it

@@ -29,10 +29,20 @@ struct KLTCEDecisionSource {
 
 namespace KLTCEDecisions {
 
-// The installed observer (nullptr: none). Written by KLTContextEvaluator::setDecisionObserver()
-// from a task on the serial queue; read by every hook.
-extern std::atomic<KLTCEDecisionObserver*> installed;
-inline KLTCEDecisionObserver* observer() { return installed.load(std::memory_order_acquire); }
+// Where one engine's records go: its installed observer (nullptr: none), written by
+// KLTContextEvaluator::setDecisionObserver() from a task on its serial queue, and the sequence
+// number of its last record. Each engine instance has its own; the shared instance's is process-wide.
+struct Channel {
+  std::atomic<KLTCEDecisionObserver*> installed{nullptr};
+  std::atomic<uint64_t> sequence{0};
+};
+// The shared instance's channel.
+extern Channel shared;
+// The channel of the engine whose task runs on this thread (set by the engine's bindings); nullptr
+// for the shared instance.
+inline thread_local Channel* bound = nullptr;
+inline Channel& channel() { return bound ? *bound : shared; }
+inline KLTCEDecisionObserver* observer() { return channel().installed.load(std::memory_order_acquire); }
 
 namespace detail {
 void admission(const KLTValue& id, int64_t priority, const KLTCEAdmission& admission);

@@ -5,14 +5,16 @@
 
 KLTCETrigger::KLTCETrigger(Token, std::shared_ptr<const KLTCETriggerRule> rule, std::function<void()> handler,
                            KLTCEDecisionSource source)
-    : completionHandler(std::move(handler)), rule_(std::move(rule)), decisionSource(std::move(source)) {}
+    : completionHandler(std::move(handler)), rule_(std::move(rule)), decisionSource(std::move(source)) {
+  if (KLTContextEvaluator* engine = KLTContextEvaluator::bound()) queue_ = engine->ceOpsSerialQueue();
+}
 
 std::shared_ptr<KLTCETrigger> KLTCETrigger::create(std::shared_ptr<const KLTCETriggerRule> rule,
                                                    std::function<void()> handler, KLTCEDecisionSource source) {
   auto trigger = std::make_shared<KLTCETrigger>(Token{}, std::move(rule), std::move(handler), std::move(source));
   const KLTCETriggerRule& r = *trigger->rule_;
   if (r.listener.code != 0) {
-    KLTController::sharedController().registerListener(r.listener.code, r.listener.name, trigger);
+    KLTController::current().registerListener(r.listener.code, r.listener.name, trigger);
   } else if (r.kind == KLTCEEventKind::AppStart) {
     // Fires while its condition is being built; the condition builds its trigger last for this.
     KLTCEDecisions::triggerFired(trigger->decisionSource, *trigger, nullptr);
@@ -24,11 +26,13 @@ std::shared_ptr<KLTCETrigger> KLTCETrigger::create(std::shared_ptr<const KLTCETr
 
 void KLTCETrigger::onEvent(std::shared_ptr<const KLTEvent> event) {
   if (!event) return;
-  KLTContextEvaluator::sharedInstance().ceOpsSerialQueue()->async(
+  queue().async(
       [self = shared_from_this(), event = std::move(event)] { self->handleQueuedEvent(*event); });
 }
 
-KLTSerialQueue* KLTCETrigger::eventQueue() const { return KLTContextEvaluator::sharedInstance().ceOpsSerialQueue().get(); }
+KLTSerialQueue* KLTCETrigger::eventQueue() const { return &queue(); }
+
+KLTSerialQueue& KLTCETrigger::queue() const { return queue_ ? *queue_ : *KLTContextEvaluator::sharedInstance().ceOpsSerialQueue(); }
 
 void KLTCETrigger::handleQueuedEvent(const KLTEvent& event) {
   // The host routes only the events registered under this trigger's key; the name is trusted.
@@ -45,7 +49,7 @@ void KLTCETrigger::handleQueuedEvent(const KLTEvent& event) {
 }
 
 void KLTCETrigger::fire(const KLTEvent& event) {
-  if (!rule_->timeBounds.contains(KLTController::sharedController().currentSDKTimeInMillis()) || !completionHandler) return;
+  if (!rule_->timeBounds.contains(KLTController::current().currentSDKTimeInMillis()) || !completionHandler) return;
   KLTCEDecisions::triggerFired(decisionSource, *this, &event);
   completionHandler();
 }

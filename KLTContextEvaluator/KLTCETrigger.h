@@ -50,5 +50,8 @@ class KLTCETrigger final : public KLTEventListener, public std::enable_shared_fr
 
   std::function<void()> completionHandler;
   std::shared_ptr<const KLTCETriggerRule> rule_;
+  // The queue of the engine instance that built it; nullptr for the shared instance's.
+  std::shared_ptr<KLTSerialQueue> queue_;
+  KLTSerialQueue& queue() const;
   KLTCEDecisionSource decisionSource;
 };

@@ -30,6 +30,7 @@ std::shared_ptr<KLTSerialQueue> KLTContextEvaluator::ceOpsSerialQueue() const {
 }
 
 std::optional<std::string> KLTContextEvaluator::replaceMacros(const KLTValue& text) const {
+  CallScope scope(*this);  // runs on the caller's thread, with this engine's user and session
   return macroHelper->applyMacro(text);
 }
 
@@ -49,7 +50,7 @@ void KLTContextEvaluator::setDecisionObserver(std::shared_ptr<KLTCEDecisionObser
   // Swapped on the queue, between two tasks: no record is being delivered to the previous observer,
   // which is released here once the task is done with it.
   _ceOpsSerialQueue->async([this, observer = std::move(observer)]() mutable {
-    KLTCEDecisions::installed.store(observer.get(), std::memory_order_release);
+    KLTCEDecisions::channel().installed.store(observer.get(), std::memory_order_release);
     decisionObserver.swap(observer);
   });
 }

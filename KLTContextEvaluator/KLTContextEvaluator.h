@@ -1,13 +1,20 @@
-// KLTContextEvaluator: the plug-in's entry object, a process-wide singleton that the host drives.
+// KLTContextEvaluator: the plug-in's entry object, which the host drives.
 //
-// It owns the one serial task queue ("com.kelto.serial.ce_operations") on which all rule work
-// runs: the parse of a configuration document, every event handled by a condition or trigger, and
-// every count update. Those tasks never overlap, so the rule objects need no locks.
+// An engine owns one serial task queue ("com.kelto.serial.ce_operations") on which all its rule
+// work runs: the parse of a configuration document, every event handled by a condition or trigger,
+// and every count update. Those tasks never overlap, so the rule objects need no locks.
+//
+// sharedInstance() is the process's engine, over the process-wide clock, store, log, host
+// controller and device facts. create() makes an engine instance over an environment of its own
+// (host/KLTEnvironment.h): it reads only that environment, which it binds on the thread running its
+// tasks and during its calls, so several engines run in one process, on different threads, sharing
+// no mutable state (the compiled campaigns they read are immutable).
 //
 // Thread-safety: every public operation may be called from any thread. parseConfiguration() and
 // updateCountForConfigWithIdentifier() post one task each and return at once; checkConfiguration()
 // only reads; replaceMacros() runs on the caller's thread and never waits for the queue.
-// The instance lives for the rest of the process (it is never destroyed).
+// The shared instance lives for the rest of the process (it is never destroyed); an instance from
+// create() is destroyed with its last reference (see ~KLTContextEvaluator()).
 #pragma once
 
 #include <chrono>
@@ -19,6 +26,7 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEDecisionHooks.h"
+#include "host/KLTEnvironment.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTSerialQueue.h"
 #include "platform/KLTValue.h"
@@ -34,6 +42,28 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // worker thread (for example a queue its owner drains, platform/KLTDrainedSerialQueue.h). Only
   // before the first sharedInstance(): afterwards it answers false and the queue is not used.
   static bool useSerialQueue(std::shared_ptr<KLTSerialQueue> queue);
+
+  // A new engine over the environment (its empty fields filled as KLTEnvironment::make() fills
+  // them), running its rule work on the queue given (nullptr: a worker thread of its own). Its
+  // start-up line goes to the environment's log. The queue must serve this engine alone.
+  static std::shared_ptr<KLTContextEvaluator> create(KLTEnvironment environment = {},
+                                                     std::shared_ptr<KLTSerialQueue> queue = nullptr);
+  // The engine whose task or call is under way on the calling thread: the instance bound there,
+  // else the shared instance.
+  static KLTContextEvaluator& current();
+  // The instance bound on the calling thread; nullptr where none is (the shared instance's work,
+  // or a thread outside any engine).
+  static KLTContextEvaluator* bound();
+
+  // An instance stops delivering to its rule objects (its controller forgets their listeners),
+  // waits until its queue has run every task posted before (10 s at most) and frees the rule
+  // objects. A queue held for good by a timer that never ends cannot be waited for: the queue and
+  // the rule objects are then left in memory rather than freed under a task that uses them.
+  // Call from any thread but the engine's queue's.
+  ~KLTContextEvaluator() override;
+
+  // The environment the engine reads (the process-wide seams for the shared instance: nullptr).
+  const std::shared_ptr<KLTEnvironment>& environment() const { return environment_; }
 
   KLTContextEvaluator(const KLTContextEvaluator&) = delete;
   KLTContextEvaluator& operator=(const KLTContextEvaluator&) = delete;
@@ -92,6 +122,26 @@ class KLTContextEvaluator final : public KeltoPlugin {
 
  private:
   explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);
+  struct InstanceTag {};
+  KLTContextEvaluator(InstanceTag, std::shared_ptr<KLTEnvironment> environment, std::shared_ptr<KLTSerialQueue> queue);
+  // Binds the instance's environment, decision channel and itself on the calling thread for a
+  // call that runs there (nothing for the shared instance).
+  class CallScope {
+   public:
+    explicit CallScope(const KLTContextEvaluator& engine);
+    ~CallScope();
+    CallScope(const CallScope&) = delete;
+    CallScope& operator=(const CallScope&) = delete;
+
+   private:
+    std::optional<KLTEnvironment::Scope> environment_;
+    KLTCEDecisions::Channel* previousChannel_ = nullptr;
+    KLTContextEvaluator* previousEngine_ = nullptr;
+    bool bound_ = false;
+  };
+  class QueueScope;
+  // Stops delivering to every rule object, then frees them all (on the queue).
+  void releaseAllItems();
   // The queue chosen by useSerialQueue(), else a new worker-thread queue; no choice is taken after.
   static std::shared_ptr<KLTSerialQueue> takeChosenQueue();
   // Reads the document's configurations. owned: the same document, the engine's own, which gives
@@ -111,4 +161,6 @@ class KLTContextEvaluator final : public KeltoPlugin {
   std::unique_ptr<KLTMacroHelper> macroHelper;
   std::shared_ptr<KLTCEDecisionObserver> decisionObserver;  // touched on the queue only
   const std::shared_ptr<KLTSerialQueue> _ceOpsSerialQueue;
+  std::shared_ptr<KLTEnvironment> environment_;             // nullptr for the shared instance
+  std::unique_ptr<KLTCEDecisions::Channel> channel_;        // an instance's own decision channel
 };

@@ -97,7 +97,7 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config, KLTCEAdmiss
     KLT_LOG_ERROR(kMethod, "Invalid user attrs format");
     return why && why->reject("user_attributes_format", "Invalid user attrs format", {{"value", userRules}});
   }
-  const std::shared_ptr<KLTUser> user = KLTController::sharedController().user();
+  const std::shared_ptr<KLTUser> user = KLTController::current().user();
   if (const auto existing = user ? user->userAttributes() : nullptr; !attributesMatch(userRules, existing)) {
     KLT_LOG_ERROR(kMethod, "User attributes mismatch");
     return why && why->reject("user_attributes", "User attributes mismatch", KLTCEAdmissionFacts::mismatch(userRules, existing));
@@ -108,7 +108,7 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config, KLTCEAdmiss
     KLT_LOG_ERROR(kMethod, "Invalid session attrs format");
     return why && why->reject("session_attributes_format", "Invalid session attrs format", {{"value", sessionRules}});
   }
-  const std::shared_ptr<KLTSession> session = KLTController::sharedController().session();
+  const std::shared_ptr<KLTSession> session = KLTController::current().session();
   if (const auto existing = session ? session->sessionAttributes() : nullptr; !attributesMatch(sessionRules, existing)) {
     KLT_LOG_ERROR(kMethod, "Session attributes mismatch");
     return why && why->reject("session_attributes", "Session attributes mismatch", KLTCEAdmissionFacts::mismatch(sessionRules, existing));
@@ -138,9 +138,13 @@ bool KLTContextEvaluator::checkConfiguration(const KLTValue& config, KLTCEAdmiss
   return true;
 }
 
-bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const { return checkConfiguration(config, nullptr); }
+bool KLTContextEvaluator::checkConfiguration(const KLTValue& config) const {
+  CallScope scope(*this);  // on the caller's thread, against this engine's host and clock
+  return checkConfiguration(config, nullptr);
+}
 
 KLTCEAdmission KLTContextEvaluator::admissionOfConfiguration(const KLTValue& config) const {
+  CallScope scope(*this);
   KLTCEAdmission admission;
   checkConfiguration(config, &admission);
   return admission;

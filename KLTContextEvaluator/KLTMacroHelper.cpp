@@ -30,7 +30,7 @@ std::optional<std::string> replacementText(const KLTValue& value) {
 // The custom info of the host's current user or session, asked for now: the host may switch either
 // between two placeholders of one text.
 std::shared_ptr<const KLTValue> customInfoFor(bool user) {
-  auto& controller = KLTController::sharedController();
+  auto& controller = KLTController::current();
   if (user) {
     auto u = controller.user();
     return u ? u->customInfo() : nullptr;

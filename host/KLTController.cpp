@@ -13,6 +13,16 @@ KLTController& KLTController::sharedController() {
   return *shared;
 }
 
+KLTSeam<KLTController>& KLTController::seam() {
+  static KLTSeam<KLTController> seam([] { return std::shared_ptr<KLTController>(std::shared_ptr<void>(), &sharedController()); });
+  return seam;
+}
+
+KLTController& KLTController::current() {
+  // The shared controller is read without the seam where nothing is bound, as most hosts run.
+  return KLTSeam<KLTController>::bound() ? *seam().currentCached() : sharedController();
+}
+
 KLTController::KLTController()
     : user_(std::make_shared<KLTUser>()), session_(std::make_shared<KLTSession>()) {}
 

@@ -32,6 +32,7 @@
 #include "host/KLTEvent.h"
 #include "host/KLTUser.h"
 #include "platform/KLTLog.h"  // the host's global LOG_LEVEL
+#include "platform/KLTSeam.h"
 
 class KLTController {
  public:
@@ -39,6 +40,11 @@ class KLTController {
 
   // The process-wide controller; never destroyed.
   static KLTController& sharedController();
+  // The controller in effect on the calling thread: the one an engine instance binds on the thread
+  // that runs its tasks (its environment's), else the shared controller. The engine's rule objects
+  // reach their host through it.
+  static KLTController& current();
+  static KLTSeam<KLTController>& seam();
 
   KLTController();
   KLTController(const KLTController&) = delete;

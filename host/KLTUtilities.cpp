@@ -1,5 +1,7 @@
 #include "host/KLTUtilities.h"
 
+#include "host/KLTDeviceFacts.h"
+
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -13,24 +15,6 @@
 
 namespace {
 
-std::mutex& deviceMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::string& deviceNameSlot() {
-  static std::string name = [] {
-    struct utsname u {};
-    return ::uname(&u) == 0 ? std::string(u.machine) : std::string("unknown");
-  }();
-  return name;
-}
-
-bool& firstSessionSlot() {
-  static bool first = false;
-  return first;
-}
-
 bool allDigits(std::string_view s, std::size_t at, std::size_t n) {
   if (at + n > s.size()) return false;
   for (std::size_t i = at; i < at + n; ++i) {
@@ -43,25 +27,13 @@ int twoDigits(std::string_view s, std::size_t at) { return (s[at] - '0') * 10 + 
 
 }  // namespace
 
-std::string KLTUtilities::deviceName() {
-  std::lock_guard lock(deviceMutex());
-  return deviceNameSlot();
-}
+std::string KLTUtilities::deviceName() { return KLTDeviceFacts::seam().current()->deviceName(); }
 
-void KLTUtilities::setDeviceName(std::string name) {
-  std::lock_guard lock(deviceMutex());
-  deviceNameSlot() = std::move(name);
-}
+void KLTUtilities::setDeviceName(std::string name) { KLTDeviceFacts::seam().current()->setDeviceName(std::move(name)); }
 
-bool KLTUtilities::isFirstSession() {
-  std::lock_guard lock(deviceMutex());
-  return firstSessionSlot();
-}
+bool KLTUtilities::isFirstSession() { return KLTDeviceFacts::seam().current()->isFirstSession(); }
 
-void KLTUtilities::setFirstSession(bool first) {
-  std::lock_guard lock(deviceMutex());
-  firstSessionSlot() = first;
-}
+void KLTUtilities::setFirstSession(bool first) { KLTDeviceFacts::seam().current()->setFirstSession(first); }
 
 namespace {
 

@@ -1,24 +1,20 @@
 #include "platform/KLTBundle.h"
 
-#include <mutex>
-
-namespace {
-std::mutex& bundleMutex() {
-  static std::mutex m;
-  return m;
-}
-std::optional<std::string>& versionSlot() {
-  static std::optional<std::string> slot;
-  return slot;
-}
-}  // namespace
-
-std::optional<std::string> KLTBundle::shortVersionString() {
-  std::lock_guard lock(bundleMutex());
-  return versionSlot();
+std::optional<std::string> KLTBundle::version() const {
+  std::lock_guard lock(mutex_);
+  return version_;
 }
 
-void KLTBundle::setShortVersionString(std::optional<std::string> version) {
-  std::lock_guard lock(bundleMutex());
-  versionSlot() = std::move(version);
+void KLTBundle::setVersion(std::optional<std::string> version) {
+  std::lock_guard lock(mutex_);
+  version_ = std::move(version);
 }
+
+KLTSeam<KLTBundle>& KLTBundle::seam() {
+  static KLTSeam<KLTBundle> seam([] { return std::make_shared<KLTBundle>(); });
+  return seam;
+}
+
+std::optional<std::string> KLTBundle::shortVersionString() { return seam().current()->version(); }
+
+void KLTBundle::setShortVersionString(std::optional<std::string> version) { seam().current()->setVersion(std::move(version)); }

@@ -1,5 +1,7 @@
 #include "platform/KLTClock.h"
 
+#include "platform/KLTSeam.h"
+
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
 
@@ -51,25 +53,6 @@ class FixedTimeZone final : public KLTTimeZone {
   int minutes_;
 };
 
-std::mutex& clockMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::shared_ptr<KLTClock>& clockSlot() {
-  static std::shared_ptr<KLTClock> slot = std::make_shared<KLTRealClock>();
-  return slot;
-}
-
-// Bumped by every setCurrent(): a thread's cached clock is current while the numbers agree.
-// Starts at 1 so that a thread's empty cache (generation 0) is never taken for current.
-std::atomic<uint64_t> clockGeneration{1};
-
-struct CachedClock {
-  uint64_t generation = 0;
-  std::shared_ptr<KLTClock> clock;
-};
-
 }  // namespace
 
 std::shared_ptr<const KLTTimeZone> KLTTimeZone::named(const std::string& id) {
@@ -98,32 +81,18 @@ KLTLocalTime KLTTimeZone::localTimeAt(KLTTimePoint t) const {
   return KLTLocalTime{static_cast<int>(total / 60), static_cast<int>(total % 60)};
 }
 
-namespace {
-
-// The process-wide clock as this thread last read it. Every engine step reads the clock: one
-// atomic load on the common path instead of a lock shared by every thread of the process.
-const std::shared_ptr<KLTClock>& cachedClock() {
-  thread_local CachedClock cached;
-  if (cached.generation != clockGeneration.load(std::memory_order_acquire)) {
-    std::lock_guard lock(clockMutex());
-    cached.clock = clockSlot();
-    cached.generation = clockGeneration.load(std::memory_order_relaxed);
-  }
-  return cached.clock;
+KLTSeam<KLTClock>& KLTClock::seam() {
+  static KLTSeam<KLTClock> seam([]() -> std::shared_ptr<KLTClock> { return std::make_shared<KLTRealClock>(); },
+                                KLTSeamCache::PerThread);
+  return seam;
 }
 
-}  // namespace
+std::shared_ptr<KLTClock> KLTClock::current() { return seam().current(); }
 
-std::shared_ptr<KLTClock> KLTClock::current() { return cachedClock(); }
-
-KLTTimePoint KLTClock::currentNow() { return cachedClock()->now(); }
+KLTTimePoint KLTClock::currentNow() { return seam().currentCached()->now(); }
 
 std::shared_ptr<KLTClock> KLTClock::setCurrent(std::shared_ptr<KLTClock> clock) {
-  if (!clock) clock = std::make_shared<KLTRealClock>();
-  std::lock_guard lock(clockMutex());
-  clockSlot().swap(clock);
-  clockGeneration.fetch_add(1, std::memory_order_release);
-  return clock;
+  return seam().replaceDefault(std::move(clock));
 }
 
 int64_t KLTClock::epochMillis(KLTTimePoint t) {

@@ -4,9 +4,11 @@
 // real clock until the embedding code (or a test, or the replay tool) installs another, such as a
 // virtual clock that makes a 30-second timer fire without real waiting.
 //
-// Thread-safety: every operation may be called from any thread. Reading the process-wide clock
-// takes no process-wide lock: each thread keeps the clock it last read and looks again only after
-// setCurrent().
+// The clock in effect is a seam (platform/KLTSeam.h): an engine instance binds its own clock on the
+// thread that runs its tasks; elsewhere the process-wide clock is in effect.
+//
+// Thread-safety: every operation may be called from any thread. Reading the clock takes no
+// process-wide lock.
 #pragma once
 
 #include <chrono>
@@ -15,6 +17,7 @@
 #include <stop_token>
 #include <string>
 
+#include "platform/KLTSeam.h"
 #include "platform/KLTValue.h"
 
 // A local wall-clock hour (0-23) and minute (0-59).
@@ -70,14 +73,18 @@ class KLTClock {
   // requested through the token (returns false). KLTTimePoint::max() is a deadline that never comes.
   virtual bool sleepUntil(KLTTimePoint deadline, std::stop_token stop) = 0;
 
-  // The process-wide clock (a real clock unless replaced). A thread that read the previous clock
-  // holds it until its next read after a replacement.
+  // The clock in effect on the calling thread: the one bound there, else the process-wide clock (a
+  // real clock unless replaced). A thread that read the previous clock holds it until its next
+  // read after a replacement.
   static std::shared_ptr<KLTClock> current();
   // current()->now(), without taking a reference to the clock (the engine reads it at every
   // completed count).
   static KLTTimePoint currentNow();
   // Replaces the process-wide clock; nullptr restores a real clock. Returns the previous one.
+  // Threads that have a clock bound keep it.
   static std::shared_ptr<KLTClock> setCurrent(std::shared_ptr<KLTClock> clock);
+  // The seam itself, to bind a clock on a thread.
+  static KLTSeam<KLTClock>& seam();
 
   // Milliseconds since the Unix epoch of an instant.
   static int64_t epochMillis(KLTTimePoint t);

@@ -53,6 +53,12 @@ bool KLTDrainedSerialQueue::drain() {
   if (isCurrent()) return false;
   std::lock_guard turn(drainMutex_);
   if (heldForGood()) return false;
+  bool idle = false;
+  withinScope([&] { idle = drainBatches(); });
+  return idle;
+}
+
+bool KLTDrainedSerialQueue::drainBatches() {
   drainer_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   // Kept from drain to drain with its storage, as pending_ keeps the batch's before it: a replay
   // drains after every line, and the two vectors are then never grown again.

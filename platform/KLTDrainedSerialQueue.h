@@ -42,6 +42,8 @@ class KLTDrainedSerialQueue final : public KLTSerialQueue {
   // Runs one task, recording and logging what it throws but an endless wait (defined in the .cpp).
   template <class Task>
   static void runContained(Task&& task);
+  // drain()'s work, within the queue's seam scope, its turn taken.
+  bool drainBatches();
   const std::string label_;
   std::mutex drainMutex_;  // one drainer at a time
   std::mutex mutex_;       // guards pending_

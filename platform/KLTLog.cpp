@@ -23,55 +23,29 @@ class StderrSink final : public KLTLogSink {
   }
 };
 
-std::mutex& sinkMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::shared_ptr<KLTLogSink>& sinkSlot() {
-  static std::shared_ptr<KLTLogSink> slot = std::make_shared<StderrSink>();
-  return slot;
-}
-
-// Bumped by every setSink(): a thread's cached sink is current while the numbers agree (starts at
-// 1 so that an empty cache is never taken for current).
-std::atomic<uint64_t> sinkGeneration{1};
-
-struct CachedSink {
-  uint64_t generation = 0;
-  std::shared_ptr<KLTLogSink> sink;
-};
-
 }  // namespace
 
-std::shared_ptr<KLTLogSink> KLTLog::setSink(std::shared_ptr<KLTLogSink> sink) {
-  if (!sink) sink = std::make_shared<StderrSink>();
-  std::lock_guard lock(sinkMutex());
-  sinkSlot().swap(sink);
-  sinkGeneration.fetch_add(1, std::memory_order_release);
-  return sink;
+KLTSeam<KLTLogSink>& KLTLog::sinkSeam() {
+  static KLTSeam<KLTLogSink> seam([]() -> std::shared_ptr<KLTLogSink> { return std::make_shared<StderrSink>(); },
+                                  KLTSeamCache::PerThread);
+  return seam;
 }
 
-namespace {
-
-// The present sink as this thread last read it. Read at every log line: one atomic load on the
-// common path rather than a process-wide lock, and no count of references taken.
-const std::shared_ptr<KLTLogSink>& cachedSink() {
-  thread_local CachedSink cached;
-  if (cached.generation != sinkGeneration.load(std::memory_order_acquire)) {
-    std::lock_guard lock(sinkMutex());
-    cached.sink = sinkSlot();
-    cached.generation = sinkGeneration.load(std::memory_order_relaxed);
-  }
-  return cached.sink;
+KLTSeam<std::atomic<long>>& KLTLog::levelSeam() {
+  // The default gate is the host's global itself, never freed.
+  static KLTSeam<std::atomic<long>> seam(
+      []() { return std::shared_ptr<std::atomic<long>>(std::shared_ptr<void>(), &LOG_LEVEL); });
+  return seam;
 }
 
-}  // namespace
+std::shared_ptr<KLTLogSink> KLTLog::setSink(std::shared_ptr<KLTLogSink> sink) { return sinkSeam().replaceDefault(std::move(sink)); }
 
-std::shared_ptr<KLTLogSink> KLTLog::sink() { return cachedSink(); }
+std::shared_ptr<KLTLogSink> KLTLog::sink() { return sinkSeam().current(); }
 
 bool KLTLog::enabled(KLTLogLevel level) {
-  const auto gate = static_cast<unsigned long>(LOG_LEVEL.load(std::memory_order_relaxed));
+  // Read at every log statement: a thread with no level bound reads the global without the seam.
+  const std::atomic<long>& gateLevel = KLTSeam<std::atomic<long>>::bound() ? *levelSeam().currentCached() : LOG_LEVEL;
+  const auto gate = static_cast<unsigned long>(gateLevel.load(std::memory_order_relaxed));
   switch (level) {
     case KLTLogLevel::Debug:
       return gate <= 1;
@@ -131,7 +105,7 @@ void KLTLog::appendLine(std::string& out, KLTLogLevel level, std::string_view me
 
 void KLTLog::emit(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
   if (!enabled(level)) return;
-  cachedSink()->writeLine(level, message, method, line);
+  sinkSeam().currentCached()->writeLine(level, message, method, line);
 }
 
-void KLTLog::emitFormatted(std::string_view line) { cachedSink()->write(line); }
+void KLTLog::emitFormatted(std::string_view line) { sinkSeam().currentCached()->write(line); }

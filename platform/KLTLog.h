@@ -5,7 +5,9 @@
 // line. The gate is the host's global LOG_LEVEL, read at every call and compared as an unsigned
 // number: DEBUG lines pass at 0 or 1, ERROR lines at 3 or less, INFO lines always.
 //
-// The sink is standard error unless the embedding code (or a test) installs another one.
+// The sink is standard error unless the embedding code (or a test) installs another one. Sink and
+// level are seams (platform/KLTSeam.h): an engine instance binds its own on the thread that runs
+// its tasks, in place of the process-wide sink and LOG_LEVEL.
 // Thread-safety: every function may be called from any thread; a sink's write() may be called
 // from several threads at once and must cope (the standard-error sink writes each line whole).
 #pragma once
@@ -14,6 +16,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "platform/KLTSeam.h"
 
 // The host's global log level (default 2: INFO and ERROR lines, no DEBUG lines).
 extern std::atomic<long> LOG_LEVEL;
@@ -39,12 +43,16 @@ class KLTLog {
  public:
   // Installs the process-wide sink; nullptr restores standard error. Returns the previous sink.
   static std::shared_ptr<KLTLogSink> setSink(std::shared_ptr<KLTLogSink> sink);
+  // The sink in effect on the calling thread.
   static std::shared_ptr<KLTLogSink> sink();
+  // The seams themselves, to bind a sink or a level (a gate read as LOG_LEVEL is) on a thread.
+  static KLTSeam<KLTLogSink>& sinkSeam();
+  static KLTSeam<std::atomic<long>>& levelSeam();
   // Flushes the present sink: call it before writing to the same place by another way, so that a
   // buffering sink's lines come first.
   static void flush() { sink()->flush(); }
 
-  // Whether a line of this level passes the present LOG_LEVEL.
+  // Whether a line of this level passes the level in effect (LOG_LEVEL unless one is bound).
   static bool enabled(KLTLogLevel level);
   // The formatted line, "<KLT LEVEL> message method:line\n".
   static std::string format(KLTLogLevel level, std::string_view message, std::string_view method, int line);

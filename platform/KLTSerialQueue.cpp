@@ -31,3 +31,21 @@ void KLTSerialQueue::asyncEach(std::size_t count, std::function<void(std::size_t
   auto shared = std::make_shared<std::function<void(std::size_t)>>(std::move(task));
   for (std::size_t i = 0; i < count; ++i) async([shared, i] { (*shared)(i); });
 }
+
+void KLTSerialQueue::setSeamScope(std::shared_ptr<const KLTSeamScope> scope) {
+  std::lock_guard lock(scopeMutex_);
+  scope_ = std::move(scope);
+}
+
+void KLTSerialQueue::withinScope(const std::function<void()>& work) const {
+  std::shared_ptr<const KLTSeamScope> scope;
+  {
+    std::lock_guard lock(scopeMutex_);
+    scope = scope_;
+  }
+  if (scope) {
+    scope->within(work);
+  } else {
+    work();
+  }
+}

@@ -11,8 +11,12 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+
+#include "platform/KLTSeam.h"
 
 class KLTSerialQueue {
  public:
@@ -45,7 +49,19 @@ class KLTSerialQueue {
   // while no task has thrown. Safe from any thread.
   static std::optional<std::string> firstTaskFailure();
 
+  // Puts the scope in effect on the thread that runs this queue's tasks, around every run of them
+  // (nullptr: none): an engine instance's environment. Any thread; takes effect from the next batch
+  // of tasks.
+  void setSeamScope(std::shared_ptr<const KLTSeamScope> scope);
+
  protected:
+  // Runs work within the present seam scope, if any.
+  void withinScope(const std::function<void()>& work) const;
+
   // Called by the implementations when a task throws; keeps only the first failure.
   static void recordTaskFailure(const char* what);
+
+ private:
+  mutable std::mutex scopeMutex_;
+  std::shared_ptr<const KLTSeamScope> scope_;
 };

@@ -95,10 +95,12 @@ void KLTThreadSerialQueue::workerLoop() {
     if (tasks_.empty()) return;  // stopping, and everything posted has run
     batch.swap(tasks_);
     lock.unlock();
-    for (auto& task : batch) {
-      runContained(task);
-      task = nullptr;  // release what the task captured before reporting progress
-    }
+    withinScope([&batch] {
+      for (auto& task : batch) {
+        runContained(task);
+        task = nullptr;  // release what the task captured before reporting progress
+      }
+    });
     const auto ran = batch.size();
     batch.clear();  // keeps its capacity: the next swap hands it to the posters
     lock.lock();

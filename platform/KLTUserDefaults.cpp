@@ -19,15 +19,6 @@ constexpr const char* kMethod = "-[KLTUserDefaults load]";
 // The first bytes of a store file of the earlier snapshot-and-journal format.
 constexpr std::string_view kSnapshotMagic = "KLTSNAP1";
 
-std::mutex& standardMutex() {
-  static std::mutex m;
-  return m;
-}
-std::shared_ptr<KLTUserDefaults>& standardSlot() {
-  static std::shared_ptr<KLTUserDefaults> slot;
-  return slot;
-}
-
 std::filesystem::path withSuffix(const std::filesystem::path& path, std::string_view suffix) {
   std::filesystem::path p = path;
   p += std::string(suffix);
@@ -80,16 +71,15 @@ std::filesystem::path KLTUserDefaults::defaultLocation() {
   return dir / "user-defaults.kltstore";
 }
 
-std::shared_ptr<KLTUserDefaults> KLTUserDefaults::standardUserDefaults() {
-  std::lock_guard lock(standardMutex());
-  if (!standardSlot()) standardSlot() = std::make_shared<KLTUserDefaults>(defaultLocation());
-  return standardSlot();
+KLTSeam<KLTUserDefaults>& KLTUserDefaults::seam() {
+  static KLTSeam<KLTUserDefaults> seam([] { return std::make_shared<KLTUserDefaults>(defaultLocation()); });
+  return seam;
 }
 
+std::shared_ptr<KLTUserDefaults> KLTUserDefaults::standardUserDefaults() { return seam().current(); }
+
 std::shared_ptr<KLTUserDefaults> KLTUserDefaults::setStandardUserDefaults(std::shared_ptr<KLTUserDefaults> store) {
-  std::lock_guard lock(standardMutex());
-  standardSlot().swap(store);
-  return store;
+  return seam().replaceDefault(std::move(store));
 }
 
 void KLTUserDefaults::load() {

@@ -35,6 +35,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/KLTSeam.h"
 #include "platform/KLTSharedMap.h"
 #include "platform/KLTStoreFaults.h"
 #include "platform/KLTValue.h"
@@ -53,12 +54,16 @@ class KLTUserDefaults {
   KLTUserDefaults& operator=(const KLTUserDefaults&) = delete;
   ~KLTUserDefaults();
 
-  // The process-wide store. Unless the embedding code set one, it is created at first use at the
+  // The store in effect on the calling thread: the one an engine instance bound there, else the
+  // process-wide store. Unless the embedding code set one, that is created at first use at the
   // per-user default location (see defaultLocation()).
   static std::shared_ptr<KLTUserDefaults> standardUserDefaults();
   // Replaces the process-wide store; nullptr makes the next standardUserDefaults() create the
   // default one again. Returns the previous store.
   static std::shared_ptr<KLTUserDefaults> setStandardUserDefaults(std::shared_ptr<KLTUserDefaults> store);
+  // The seam behind standardUserDefaults(): an engine instance binds its own store on the thread
+  // that runs its tasks.
+  static KLTSeam<KLTUserDefaults>& seam();
   // $KLTCE_STATE_DIR, else $XDG_STATE_HOME/kltce, else $HOME/.local/state/kltce, followed by
   // "user-defaults.kltstore"; empty (memory only) when none of these is set.
   static std::filesystem::path defaultLocation();
