@@ -24,7 +24,6 @@
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "bench/gen_realistic.h"
-#include "platform/KLTDrainedSerialQueue.h"
 #include "platform/KLTLog.h"
 #include "tools/kltce/profile.h"
 #include "tools/kltce/replay.h"
@@ -111,15 +110,12 @@ class NullBuffer final : public std::streambuf {
 
 int measureShape(const genrealistic::Options& options, const genrealistic::Document& doc, const std::string& stream,
                  bool check) {
-  // The engine runs on a queue the replay drains on this thread, as in `kltce run`; it is chosen
-  // here because the observer must be installed before the replay's first use of the engine.
-  KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>("com.kelto.serial.ce_operations"));
   Shape shape;
   auto observer = std::make_shared<ShapeObserver>(doc, shape);
-  KLTContextEvaluator::sharedInstance().setDecisionObserver(observer);
-  auto previousSink = KLTLog::setSink(std::make_shared<CountingLogSink>(shape));
-
   kltce::ReplayOptions replay;
+  // Installed on the replay's engine before its first task.
+  replay.observer = observer;
+  replay.logSink = std::make_shared<CountingLogSink>(shape);
   replay.document = std::make_shared<const KLTValue>(doc.value);
   replay.profile = kltce::parseProfile(genrealistic::profile()).profile;
   replay.fresh = true;
@@ -135,8 +131,6 @@ int measureShape(const genrealistic::Options& options, const genrealistic::Docum
   NullBuffer nothing;
   std::ostream out(&nothing);
   const kltce::ReplayResult result = kltce::runReplay(replay, in, out, std::cerr);
-  KLTContextEvaluator::sharedInstance().setDecisionObserver(nullptr);
-  KLTLog::setSink(previousSink);
   if (result.exitCode != kltce::kExitOk) {
     std::cerr << "gen_realistic: the replay failed (exit code " << result.exitCode << ")\n";
     return 1;

@@ -485,14 +485,8 @@ ReplayResult runReplayWithDecisions(ReplayOptions options, const DecisionOptions
     tracker->noteLine(number, line.code, line.kind == LineKind::Event ? &line.name : nullptr);
     if (previous) previous(number, line);
   };
-  auto& evaluator = KLTContextEvaluator::sharedInstance();
-  evaluator.setDecisionObserver(tracker);
+  options.observer = tracker;
   const ReplayResult result = runReplay(options, lines, out, err);
-  // A queue blocked for good never takes the observer back; the process is about to end then.
-  if (!result.queueBlocked) {
-    evaluator.setDecisionObserver(nullptr);
-    evaluator.ceOpsSerialQueue()->waitUntilIdle();
-  }
   if (decisions.trace) decisions.trace->flush();
   // The engine's lines made during the replay come out before the account that follows them.
   KLTLog::flush();

@@ -49,7 +49,6 @@ std::optional<FleetRange> FleetPieces::range(std::istream& in, std::size_t piece
 FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   if (options.compareWith) return replayFleetCompared(options, fleet);
   FleetResult result;
-  FleetEngineScope engine;
   ReplayOptions base;
   base.document = std::make_shared<const KLTValue>(options.document);  // shared by every device's parse
   base.autoShown = options.autoShown;

@@ -59,7 +59,6 @@ void writeChangedRows(std::ostream& rows, const std::string& device, const std::
 FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet) {
   FleetResult result;
   FleetComparison comparison(diffDocuments(*options.compareWith, options.document));
-  FleetEngineScope engine;
 
   ReplayOptions before, after;
   before.document = std::make_shared<const KLTValue>(*options.compareWith);

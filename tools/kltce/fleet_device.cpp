@@ -50,6 +50,9 @@ DeviceRun replayFleetDevice(ReplayOptions o, const std::optional<KLTSharedMap>& 
   NullBuffer nothing;
   std::ostream dropped(&nothing);
   std::ostringstream err;
+  // A fleet's summary has no use for a million devices' log lines.
+  static const auto noLog = std::make_shared<DroppedLog>();
+  o.logSink = noLog;
   o.store = std::make_shared<KLTUserDefaults>(std::filesystem::path());
   if (counters) o.store->setSharedDictionary(*counters, kKLTFrequencyStoreKey);
   std::optional<KLTTimePoint> start;  // the clock at the device's first line
@@ -74,7 +77,6 @@ DeviceRun replayFleetDevice(ReplayOptions o, const std::optional<KLTSharedMap>& 
   if (run.replay.queueBlocked) return fail(kExitBlocked, "the engine's queue is blocked for good; its replay says:\n" + err.str());
   if (const auto failure = KLTSerialQueue::firstTaskFailure()) return fail(kExitFailed, "a task of the engine failed: " + *failure);
   if (run.replay.exitCode == kExitUsage) return fail(kExitUsage, err.str());
-  if (!KLTContextEvaluator::sharedInstance().resetForTesting()) return fail(kExitBlocked, "the engine could not be reset after it");
   run.campaigns.reserve(outcomes.size());
   for (CampaignOutcome& outcome : outcomes) {
     DeviceCampaign c;
@@ -87,12 +89,6 @@ DeviceRun replayFleetDevice(ReplayOptions o, const std::optional<KLTSharedMap>& 
   }
   return run;
 }
-
-FleetEngineScope::FleetEngineScope() : previous_(KLTLog::setSink(std::make_shared<DroppedLog>())) {
-  KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue));
-}
-
-FleetEngineScope::~FleetEngineScope() { KLTLog::setSink(previous_); }
 
 bool stopFleet(FleetResult& result, int code, std::string error, std::size_t line) {
   result.exitCode = code;

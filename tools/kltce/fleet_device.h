@@ -1,9 +1,7 @@
 // What a plain fleet run and a comparison of two documents share: one device's replay as a fleet
 // replays it (fresh counters or a copy of the given ones, the clock at its first line, its displays
-// timed from it, the engine reset after it), the engine made quiet for a fleet, and the walk over
-// the fleet's readers (the whole stream, or the ranges the workers take).
-//
-// Call from the one thread that replays the fleet (the engine is the process's).
+// timed from it, on an engine of its own whose log is dropped), and the walk over the fleet's
+// readers (the whole stream, or the ranges the workers take).
 #pragma once
 
 #include <cstdint>
@@ -35,23 +33,10 @@ struct DeviceRun {
   std::string error;
 };
 
-// Replays the device's lines with the options (their profile set); resets the engine after a
-// replay that went through.
+// Replays the device's lines with the options (their profile set) on an engine of its own, its log
+// lines dropped. Any thread: devices replayed on different threads are independent.
 DeviceRun replayFleetDevice(ReplayOptions options, const std::optional<KLTSharedMap>& counters, const std::string& device,
                             LineSource& lines);
-
-// For its lifetime, the engine's log lines go nowhere (a fleet's summary has no use for a million
-// devices' lines), and the engine runs on a queue this thread drains, chosen before its first use.
-class FleetEngineScope {
- public:
-  FleetEngineScope();
-  ~FleetEngineScope();
-  FleetEngineScope(const FleetEngineScope&) = delete;
-  FleetEngineScope& operator=(const FleetEngineScope&) = delete;
-
- private:
-  std::shared_ptr<KLTLogSink> previous_;
-};
 
 // Records why the fleet stopped; returns false, for `return stopFleet(...)` in a device loop.
 bool stopFleet(FleetResult& result, int code, std::string error, std::size_t line);

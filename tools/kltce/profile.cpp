@@ -86,7 +86,7 @@ void applyProfile(const Profile& profile) {
   auto session = std::make_shared<KLTSession>();
   session->setSessionAttributes(profile.sessionAttributes);
   session->setCustomInfo(profile.sessionCustomInfo);
-  auto& controller = KLTController::sharedController();
+  KLTController& controller = KLTController::current();
   controller.setUser(std::move(user));
   controller.setSession(std::move(session));
 }

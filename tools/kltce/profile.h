@@ -9,8 +9,9 @@
 // Every key is optional. parseProfile() rejects a value of the wrong kind with a message naming
 // the key; unknown keys are reported as notes and ignored.
 //
-// applyProfile() writes process-wide host state (device name, first-session flag, app version,
-// current user and session): call it from one thread, with no replay running.
+// applyProfile() writes the host state in effect on the calling thread (device name, first-session
+// flag, app version, current user and session): an engine instance's environment where one is bound
+// (a replay binds its own), else the process's.
 #pragma once
 
 #include <memory>

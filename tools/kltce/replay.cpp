@@ -32,8 +32,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// How often (real time) a busy worker-thread queue is looked at for a timer that never ends.
-constexpr std::chrono::milliseconds kBlockedPoll{20};
 constexpr std::chrono::seconds kProgressAfter{1};
 constexpr std::chrono::milliseconds kProgressEvery{250};
 
@@ -44,39 +42,37 @@ struct Display {
   std::size_t line = 0;
 };
 
-// The process-wide seams of one replay, restored when it goes.
+// One replay's device: its environment (a virtual clock, the counter store, this device's host
+// state and the log), in effect on the replay's thread for the replay's duration, and an engine
+// instance over it that runs on a queue this thread drains.
 class ReplayHost {
  public:
   ReplayHost(const ReplayOptions& options, KLTTimePoint start, std::shared_ptr<const KLTTimeZone> zone,
              std::shared_ptr<KLTUserDefaults> store)
       : clock_(std::make_shared<KLTVirtualClock>(start, std::move(zone))),
-        previousLevel_(LOG_LEVEL.load()),
-        previousClock_(KLTClock::setCurrent(clock_)),
-        previousStore_(KLTUserDefaults::setStandardUserDefaults(std::move(store))) {
-    if (options.logLevel) LOG_LEVEL = *options.logLevel;
-    auto& controller = KLTController::sharedController();
-    controller.removeAllListeners();  // a fresh device: nothing left from an earlier replay in this process
+        environment_(makeEnvironment(options, clock_, std::move(store))),
+        scope_(*environment_) {
     applyProfile(options.profile);
-    controller.setDispatchHandler([this](std::shared_ptr<KLTDisplayEvent> e) {
+    environment_->controller->setDispatchHandler([this](std::shared_ptr<KLTDisplayEvent> e) {
       Display d{clock_->now(), std::string(e->className()), e->info(), currentLine_.load(std::memory_order_acquire)};
       std::lock_guard lock(mutex_);
       pending_.push_back(std::move(d));
       displaysWaiting_.store(true, std::memory_order_release);
     });
-  }
-
-  ~ReplayHost() {
-    auto& controller = KLTController::sharedController();
-    // The engine's rule objects stay registered: they live for the rest of the process by design,
-    // held only by the host's registry. The next replay in this process starts by forgetting them.
-    controller.setDispatchHandler(nullptr);
-    KLTUserDefaults::setStandardUserDefaults(previousStore_);
-    KLTClock::setCurrent(previousClock_);
-    LOG_LEVEL = previousLevel_;
+    auto queue = std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue);
+    drained_ = queue.get();
+    // Tasks run on this thread, which must not block: an endless wait unwinds and holds the queue.
+    clock_->setUnwindEndlessWaits(true);
+    engine_ = KLTContextEvaluator::create(*environment_, std::move(queue));
+    if (options.observer) engine_->setDecisionObserver(options.observer);
   }
 
   ReplayHost(const ReplayHost&) = delete;
   ReplayHost& operator=(const ReplayHost&) = delete;
+
+  KLTContextEvaluator& engine() { return *engine_; }
+  KLTController& controller() { return *environment_->controller; }
+  KLTDeviceFacts& device() { return *environment_->device; }
 
   KLTVirtualClock& clock() { return *clock_; }
 
@@ -94,30 +90,26 @@ class ReplayHost {
     return out;
   }
 
-  // Runs (or, on a worker-thread queue, waits for) everything posted to the engine's queue so far.
-  // False when a timer that never ends holds it: then it never becomes idle.
-  bool drain() {
-    if (!queue_) {
-      // Looked up at the first drain, after the engine's first use by the replay.
-      queue_ = KLTContextEvaluator::sharedInstance().ceOpsSerialQueue();
-      drained_ = dynamic_cast<KLTDrainedSerialQueue*>(queue_.get());
-      // Tasks run on this thread, which must not block: an endless wait unwinds and holds the queue.
-      if (drained_) clock_->setUnwindEndlessWaits(true);
-    }
-    if (drained_) return drained_->drain();
-    while (!queue_->waitUntilIdleFor(kBlockedPoll)) {
-      if (clock_->blockedForeverCount() > 0) return false;
-    }
-    return true;
-  }
+  // Runs everything posted to the engine's queue so far. False when a timer that never ends holds
+  // it: then it never becomes idle.
+  bool drain() { return drained_->drain(); }
 
  private:
+  static std::shared_ptr<KLTEnvironment> makeEnvironment(const ReplayOptions& options, std::shared_ptr<KLTClock> clock,
+                                                         std::shared_ptr<KLTUserDefaults> store) {
+    KLTEnvironment parts;
+    parts.clock = std::move(clock);
+    parts.store = std::move(store);
+    parts.logSink = options.logSink ? options.logSink : KLTLog::sink();
+    parts.logLevel = std::make_shared<std::atomic<long>>(options.logLevel ? *options.logLevel : LOG_LEVEL.load());
+    return KLTEnvironment::make(std::move(parts));
+  }
+
   std::shared_ptr<KLTVirtualClock> clock_;
-  std::shared_ptr<KLTSerialQueue> queue_;
-  KLTDrainedSerialQueue* drained_ = nullptr;  // queue_, when this thread drains it
-  long previousLevel_;
-  std::shared_ptr<KLTClock> previousClock_;
-  std::shared_ptr<KLTUserDefaults> previousStore_;
+  std::shared_ptr<KLTEnvironment> environment_;
+  KLTEnvironment::Scope scope_;
+  KLTDrainedSerialQueue* drained_ = nullptr;  // the engine's queue
+  std::shared_ptr<KLTContextEvaluator> engine_;
   std::mutex mutex_;
   std::vector<Display> pending_;
   std::atomic<bool> displaysWaiting_{false};  // whether pending_ holds any; written under mutex_
@@ -135,7 +127,7 @@ class Replay {
 
   // Parses the start document. False when the engine's queue is blocked for good.
   bool startUp() {
-    KLTContextEvaluator::sharedInstance().parseConfiguration(options_.document);  // shared, not copied
+    host_.engine().parseConfiguration(options_.document);  // shared, not copied
     return settle(0);
   }
 
@@ -151,8 +143,8 @@ class Replay {
     for (const auto& note : l.notes) say() << "kltce: line " << number << ": note: " << note << '\n';
     host_.setLine(number);
     if (l.time) host_.clock().setNow(*l.time);
-    auto& controller = KLTController::sharedController();
-    auto& evaluator = KLTContextEvaluator::sharedInstance();
+    KLTController& controller = host_.controller();
+    KLTContextEvaluator& evaluator = host_.engine();
     bool posted = false;
     switch (l.kind) {
       case LineKind::Event:
@@ -181,7 +173,7 @@ class Replay {
         session->setSessionAttributes(l.attributes);
         session->setCustomInfo(l.customInfo);
         controller.setSession(std::move(session));
-        KLTUtilities::setFirstSession(l.firstSession);
+        host_.device().setFirstSession(l.firstSession);
         break;
       }
       case LineKind::Parse: {
@@ -261,7 +253,7 @@ class Replay {
     if (options_.autoShown) {
       for (const auto& d : displays) {
         if (const std::string* id = klt::stringPtr(klt::valueForKey(d.info, "id"))) {
-          KLTContextEvaluator::sharedInstance().updateCountForConfigWithIdentifier(*id);
+          host_.engine().updateCountForConfigWithIdentifier(*id);
         }
       }
       if (!host_.drain()) return blocked(number);
@@ -467,9 +459,6 @@ ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ost
                                                                                        : KLTRealClock().now();
   auto zone = options.zone ? options.zone : options.profile.timeZone ? options.profile.timeZone : KLTTimeZone::system();
 
-  // The engine runs on a queue this thread drains after each line, unless it already runs on
-  // another queue in this process (it is chosen once, before the engine's first use).
-  KLTContextEvaluator::useSerialQueue(std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue));
   const std::shared_ptr<KLTUserDefaults> counters = store;
   ReplayHost host(options, start, zone, std::move(store));
   Replay replay(options, host, out, err);

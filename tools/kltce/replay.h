@@ -9,9 +9,9 @@
 // After each line the replay waits until the engine's queue is idle; a queue blocked for good by a
 // timer of endless interval stops the replay with a message naming the cause.
 //
-// runReplay() installs process-wide seams for its duration (virtual clock, state store, host
-// state, dispatch handler, LOG_LEVEL) and restores them when it returns: one replay at a time per
-// process, driven from one thread. It never throws.
+// runReplay() builds an engine instance for the replay, over an environment of its own (virtual
+// clock, state store, host state, dispatch handler, log level), which is in effect on the calling
+// thread while it runs: replays on different threads are independent. It never throws.
 #pragma once
 
 #include <chrono>
@@ -23,7 +23,9 @@
 #include <ostream>
 #include <string>
 
+#include "KLTContextEvaluator/KLTCEDecision.h"
 #include "platform/KLTClock.h"
+#include "platform/KLTLog.h"
 #include "platform/KLTUserDefaults.h"
 #include "platform/KLTValue.h"
 #include "tools/kltce/profile.h"
@@ -44,7 +46,9 @@ struct ReplayOptions {
   bool fresh = false;                            // start with empty counters (the state file is reset)
   bool autoShown = false;                        // report every dispatch as shown
   bool strict = false;                           // stop at the first bad line
-  std::optional<long> logLevel;                  // LOG_LEVEL for the run
+  std::optional<long> logLevel;                  // the engine's log level (default: LOG_LEVEL's present value)
+  std::shared_ptr<KLTLogSink> logSink;           // the engine's log (default: the process's sink)
+  std::shared_ptr<KLTCEDecisionObserver> observer;  // receives the engine's decision records
   std::filesystem::path baseDir;                 // folder against which "file" of a parse line is read
   bool progress = false;                         // write a progress line on err during long replays
   std::function<std::chrono::steady_clock::time_point()> realNow;  // real time for progress; default steady_clock
