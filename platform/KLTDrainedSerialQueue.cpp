@@ -24,7 +24,7 @@ void KLTDrainedSerialQueue::asyncEach(std::size_t count, std::function<void(std:
   if (count == 0) return;
   // One task for the lot: its tasks run one after another through runContained(), so each fails
   // on its own, and an endless wait in any of them holds the queue before the next one runs.
-  async([count, task = std::move(task)] {
+  async([this, count, task = std::move(task)] {
     for (std::size_t i = 0; i < count; ++i) runContained([&task, i] { task(i); });
   });
 }

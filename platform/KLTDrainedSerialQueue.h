@@ -41,7 +41,7 @@ class KLTDrainedSerialQueue final : public KLTSerialQueue {
  private:
   // Runs one task, recording and logging what it throws but an endless wait (defined in the .cpp).
   template <class Task>
-  static void runContained(Task&& task);
+  void runContained(Task&& task);
   // drain()'s work, within the queue's seam scope, its turn taken.
   bool drainBatches();
   const std::string label_;

@@ -18,8 +18,17 @@ std::optional<std::string>& firstFailure() {
 }  // namespace
 
 void KLTSerialQueue::recordTaskFailure(const char* what) {
-  std::lock_guard lock(failureMutex());
-  if (!firstFailure()) firstFailure() = what;
+  {
+    std::lock_guard lock(failureMutex());
+    if (!firstFailure()) firstFailure() = what;
+  }
+  std::lock_guard lock(scopeMutex_);
+  if (!failure_) failure_ = what;
+}
+
+std::optional<std::string> KLTSerialQueue::taskFailure() const {
+  std::lock_guard lock(scopeMutex_);
+  return failure_;
 }
 
 std::optional<std::string> KLTSerialQueue::firstTaskFailure() {

@@ -48,6 +48,8 @@ class KLTSerialQueue {
   // such as the command-line tool can fail rather than carry on as if nothing happened; nothing
   // while no task has thrown. Safe from any thread.
   static std::optional<std::string> firstTaskFailure();
+  // What the first task of this queue to throw threw; nothing while none has. Safe from any thread.
+  std::optional<std::string> taskFailure() const;
 
   // Puts the scope in effect on the thread that runs this queue's tasks, around every run of them
   // (nullptr: none): an engine instance's environment. Any thread; takes effect from the next batch
@@ -58,10 +60,12 @@ class KLTSerialQueue {
   // Runs work within the present seam scope, if any.
   void withinScope(const std::function<void()>& work) const;
 
-  // Called by the implementations when a task throws; keeps only the first failure.
-  static void recordTaskFailure(const char* what);
+  // Called by the implementations when a task throws; keeps only the first failure, of the
+  // process and of this queue.
+  void recordTaskFailure(const char* what);
 
  private:
   mutable std::mutex scopeMutex_;
   std::shared_ptr<const KLTSeamScope> scope_;
+  std::optional<std::string> failure_;  // guarded by scopeMutex_
 };

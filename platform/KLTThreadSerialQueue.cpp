@@ -62,7 +62,7 @@ bool KLTThreadSerialQueue::isCurrent() const { return std::this_thread::get_id()
 void KLTThreadSerialQueue::asyncEach(std::size_t count, std::function<void(std::size_t)> task) {
   if (count == 0) return;
   // One task for the lot, each of them contained on its own, as if posted alone.
-  async([count, task = std::move(task)] {
+  async([this, count, task = std::move(task)] {
     for (std::size_t i = 0; i < count; ++i) runContained([&task, i] { task(i); });
   });
 }
@@ -95,7 +95,7 @@ void KLTThreadSerialQueue::workerLoop() {
     if (tasks_.empty()) return;  // stopping, and everything posted has run
     batch.swap(tasks_);
     lock.unlock();
-    withinScope([&batch] {
+    withinScope([this, &batch] {
       for (auto& task : batch) {
         runContained(task);
         task = nullptr;  // release what the task captured before reporting progress

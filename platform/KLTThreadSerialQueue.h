@@ -34,7 +34,7 @@ class KLTThreadSerialQueue final : public KLTSerialQueue {
   void workerLoop();
   // Runs one task, recording and logging what it throws (defined and used in the .cpp only).
   template <class Task>
-  static void runContained(Task&& task);
+  void runContained(Task&& task);
   bool idleReached(std::unique_lock<std::mutex>& lock, const std::chrono::milliseconds* timeout);
 
   const std::string label_;

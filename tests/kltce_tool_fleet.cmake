@@ -21,7 +21,7 @@ add_test(NAME kltce_e2e_fleet_per_device COMMAND ${fleet_case} -DMODE=per_device
 add_test(NAME kltce_e2e_fleet_shards COMMAND ${fleet_case} -DMODE=shards -DSCRATCH=${kltce_scratch}/fleet_shards
   -P ${kltce_data}/fleet_case.cmake)
 add_test(NAME kltce_e2e_fleet_workers COMMAND ${fleet_case} -DMODE=workers -DSCRATCH=${kltce_scratch}/fleet_workers
-  -DEXPECT_CSV=${kltce_data}/fleet_workers3.csv -P ${kltce_data}/fleet_case.cmake)
+  -DEXPECT_CSV=${kltce_data}/fleet_rows.csv -P ${kltce_data}/fleet_case.cmake)
 set_tests_properties(kltce_e2e_fleet_per_device kltce_e2e_fleet_shards kltce_e2e_fleet_workers PROPERTIES LABELS e2e)
 
 # Two MPI ranks on this machine. Open MPI refuses root and counts slots by cores unless told;

@@ -83,19 +83,6 @@ foreach(args "--devices|-1" "--events|-5" "--devices|99999999999999999999999" "-
   set_tests_properties(gen_fleet_refuses${name} PROPERTIES LABELS e2e TIMEOUT 20)
 endforeach()
 
-# SIGTERM to a fleet of two workers ends the workers too and leaves no part file behind. The
-# script waits for both workers to exist, signals the parent, then looks for what survived.
-set(sig ${kltce_scratch}/sigterm)
-kltce_shell(fleet_sigterm_ends_workers "rm -rf ${sig} && mkdir -p ${sig} && \
-$<TARGET_FILE:gen_fleet> --devices 4000 --events 15 --seed 5 > ${sig}/fleet.jsonl && \
-{ \"$TOOL\" fleet --document ${doc} --fleet ${sig}/fleet.jsonl --workers 2 --csv ${sig}/out.csv >/dev/null 2>&1 & } && \
-pid=$! && until [ $(pgrep -P $pid | wc -l) -ge 2 ]; do :; done && kids=$(pgrep -P $pid) && \
-kill -TERM $pid; rc=0; wait $pid || rc=$?; left=''; \
-for k in $kids; do kill -0 $k 2>/dev/null && left=\"$left $k\"; done; \
-[ -n \"$left\" ] && kill $left; \
-echo \"status $rc; workers left:$left; files: $(ls ${sig} | tr '\\n' ' ')\" >&2; \
-[ $rc = 143 ] && [ -z \"$left\" ] && [ -z \"$(ls ${sig} | grep part)\" ]" 0 "status 143; workers left:;")
-
 # A second writer of a state file is refused at once while the first holds it (flock(1) stands
 # for the first run), and the file is left to the first.
 set(writers ${kltce_scratch}/writers)

@@ -63,7 +63,7 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
       DeviceRun run = replayFleetDevice(std::move(o), options.counters, device, reader.lines());
       if (!reader.ok()) return stopFleet(result, kExitUsage, reader.error(), reader.errorLine());
       if (run.exitCode != kExitOk) return stopFleet(result, run.exitCode, run.error, reader.profileLine());
-      if (std::ostream* rows = options.csvFor ? options.csvFor(fleetDeviceHash(device)) : options.csv) {
+      if (std::ostream* rows = options.csv) {
         for (const DeviceCampaign& c : run.campaigns) {
           *rows << csvField(device) << ',' << csvField(c.outcome.campaign) << ',' << outcomeKindName(c.outcome.kind) << ','
                 << csvField(c.outcome.reason) << ',' << c.displays << ','

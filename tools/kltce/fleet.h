@@ -2,19 +2,19 @@
 // document, each as `kltce run` replays a device alone in a fresh process, and adds the outcomes
 // up per campaign (fleet_summary.h).
 //
-// Per device: the engine is reset (KLTContextEvaluator::resetForTesting(): no campaign, listener
-// or rule object of the device before survives), the profile applied, the counters fresh (or a
-// copy of the counters given), the virtual clock started at the device's first line, and the
-// stream replayed with the decision observer installed. Engine log lines are dropped.
+// Per device: an engine instance of its own (no campaign, listener or rule object of the device
+// before is reachable from it), the profile applied, the counters fresh (or a copy of the counters
+// given), the virtual clock started at the device's first line, and the stream replayed with the
+// decision observer installed. Engine log lines are dropped.
 //
 // Which devices a process replays: the 64-bit FNV-1a hash h of the id's bytes (offset basis
 // 14695981039346656037, prime 1099511628211) selects shard h mod N of `--shard I/N`, and within a
-// shard, part (h div N) mod K of the K MPI ranks sharing it. The worker processes of one machine
-// share a shard by ranges of the file instead (FleetOptions::nextRange), which spares each the
-// reading of the others' lines and lets a faster worker take more of them.
+// shard, part (h div N) mod K of K parts. The workers (threads, and MPI ranks) share a shard by
+// ranges of the file instead (FleetOptions::nextRange), which spares each the reading of the
+// others' lines and lets a faster worker take more of them.
 //
-// replayFleet() installs the engine's process-wide seams as runReplay() does: one fleet at a time
-// per process, from one thread. It never throws.
+// replayFleet() may run on several threads at once, each with its own options and stream. It
+// never throws.
 #pragma once
 
 #include <cstdint>
@@ -70,8 +70,6 @@ struct FleetOptions {
   FleetPart shard;
   FleetPart part;
   std::ostream* csv = nullptr;  // one row per (device, campaign); no header
-  // Where a device's rows go instead, by its id's hash (fleetDeviceHash()).
-  std::function<std::ostream*(uint64_t hash)> csvFor;
   // When set, the fleet stream (seekable) is replayed as the ranges this gives, one after another
   // until it gives none, each read as a fleet file of those bytes alone, its lines numbered as in
   // the whole stream. Ranges must begin where fleetRangeStart() (fleet_input.h) says, so that no

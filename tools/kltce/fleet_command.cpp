@@ -39,11 +39,11 @@ whole second), and for devices not reached the count of each "why not" of `kltce
 --format json writes it as JSON, which `kltce fleet merge` adds up; --csv writes one row per
 (device, campaign).
 
---workers K processes take pieces of the fleet file in turn (a fleet that is not a regular file,
+--workers K threads take pieces of the fleet file in turn (a fleet that is not a regular file,
 such as a pipe, is replayed by one). --shard I/N replays the devices whose id's 64-bit FNV-1a hash h
 gives h mod N = I. Merging the JSON of shards 0/N .. N-1/N equals one run's JSON byte for byte.
-With K workers, --csv lists the devices with (h div N) mod K = 0 first, then 1, and so on, each
-group in the file's order. After an error, it holds the rows of the devices before the error.)";
+--csv lists the devices in the file's order, whatever the number of workers. After an error, it
+holds the rows of the devices before the error.)";
 
 namespace {
 
@@ -74,7 +74,7 @@ void addFleetOptions(CLI::App& app, FleetCommand& c) {
   app.add_option("--format", c.format, "summary as table (the default) or json (mergeable)")
       ->check(CLI::IsMember({"table", "json"}));
   app.add_option("--csv", c.csv, "also write one CSV row per (device, campaign) to FILE");
-  app.add_option("--workers", c.workers, "worker processes, taking pieces of the fleet file in turn (default: one per core); progress on a terminal");
+  app.add_option("--workers", c.workers, "worker threads, taking pieces of the fleet file in turn (default: one per core); progress on a terminal");
   app.add_option("--shard", c.shard, "replay only shard I of N (I/N, by a hash of the device id; default 0/1)");
   app.add_option("--state", c.state, "every device starts from the counters of this file (only read; default: fresh)");
   app.add_flag("--auto-shown", c.autoShown, "report every display event as shown, as a host would after showing it");
@@ -88,7 +88,7 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
   }
   if (command.workers > kMaxFleetWorkers) {
     usage(err, "--workers: " + std::to_string(command.workers) + " is more than " + std::to_string(kMaxFleetWorkers) +
-                   " worker processes (each replays a share of the fleet; more than the machine's cores gain nothing)");
+                   " workers (each replays a share of the fleet; more than the machine's cores gain nothing)");
     return false;
   }
   const auto shard = parseFleetPart(command.shard);
@@ -243,44 +243,6 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
   for (const FleetResult& r : results) sum.merge(r.summary);
   writeSummary(sum, format, identity, out);
   return kExitOk;
-}
-
-bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err,
-                    std::string_view header) {
-  std::ofstream out(csv, std::ios::out | std::ios::trunc | std::ios::binary);
-  if (!out) {
-    err << "kltce: fleet: --csv: cannot write '" << csv << "': " << std::strerror(errno) << '\n';
-    return false;
-  }
-  out << header << '\n';
-  std::vector<std::ifstream> ins(parts);
-  for (std::size_t i = 0; i < parts; ++i) ins[i].open(csv + ".part" + std::to_string(i), std::ios::binary);
-  std::vector<char> buffer(1 << 16);
-  for (const CsvSlice& slice : slices) {
-    if (slice.part >= parts || !ins[slice.part].is_open()) continue;
-    std::ifstream& in = ins[slice.part];
-    in.clear();
-    in.seekg(static_cast<std::streamoff>(slice.offset));
-    for (uint64_t left = slice.length; left > 0 && in;) {
-      in.read(buffer.data(), static_cast<std::streamsize>(std::min<uint64_t>(left, buffer.size())));
-      out.write(buffer.data(), in.gcount());
-      left -= static_cast<uint64_t>(in.gcount());
-    }
-  }
-  for (std::size_t i = 0; i < parts; ++i) {
-    ins[i].close();
-    std::error_code ec;
-    fs::remove(csv + ".part" + std::to_string(i), ec);
-  }
-  out.flush();
-  if (!out) err << "kltce: fleet: --csv: writing '" << csv << "' failed\n";
-  return static_cast<bool>(out);
-}
-
-bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err, std::string_view header) {
-  std::vector<CsvSlice> slices;
-  for (std::size_t i = 0; i < parts; ++i) slices.push_back({i, 0, UINT64_MAX});
-  return gatherCsvParts(csv, parts, slices, err, header);
 }
 
 }  // namespace kltce

@@ -1,13 +1,10 @@
 // The `kltce fleet` and `kltce fleet merge` commands over replayFleet() (fleet.h): their options,
-// the worker processes of one machine, the partial results they hand back, and the output.
+// the workers of one machine, and the output.
 //
-// Local parallelism: the command forks `--workers` processes (default: one per core) before the
-// engine is first used; they take pieces of the fleet file in turn (fleet_workers.h); each hands
-// its FleetResult back through a pipe as one JSON text, and the parent merges them. With one worker
-// the fleet is replayed in the command's own process. CSV rows of several workers are written per
-// worker (FILE.part<k>) and gathered into FILE in groups: the devices of (h div N) mod K = 0 first
-// (h the id's hash, N the shards, K the workers), then 1, and so on, each group in the file's order.
-// Progress (devices and events, per second) goes to standard error when `progress` is set.
+// Local parallelism: `--workers` threads (default: one per core), each with engines of its own,
+// take pieces of the fleet file in turn (fleet_workers.h); their results are added up in memory.
+// The CSV rows are in the file's order, whatever the number of workers. Progress (devices and
+// events, per second) goes to standard error when `progress` is set.
 //
 // Output: the merged FleetSummary as a table (the default) or as JSON; the JSON of a run, of a
 // shard or of a merge can itself be merged, and merging equals replaying the union in one run.
@@ -27,8 +24,8 @@
 
 namespace kltce {
 
-// The most worker processes `--workers` takes: each holds its own engine and a share of the
-// parent's bookkeeping, and beyond the machine's cores more of them only cost.
+// The most workers `--workers` takes: each holds its own engine and stream, and beyond the
+// machine's cores more of them only cost.
 inline constexpr unsigned kMaxFleetWorkers = 256;
 
 struct FleetCommand {
@@ -60,23 +57,12 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
 // do not add up or would pass 2^64 - 1.
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err);
 
-// A worker's result as one JSON text, and back; false (error set) when the text is not one.
+// A result as one JSON text, and back (what an MPI rank hands rank 0); false (error set) when the
+// text is not one.
 std::string fleetResultText(const FleetResult& result);
 bool fleetResultFromText(std::string_view text, FleetResult& result, std::string& error);
 // The end of a run of several workers: the first error (by fleet line) if any, else the merged
 // summary, written in `format` (JSON with `identity` as its "part"). Returns the exit code.
 int finishFleet(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
                 std::ostream& out, std::ostream& err);
-// `length` bytes of FILE.part<part> from `offset`.
-struct CsvSlice {
-  std::size_t part = 0;
-  uint64_t offset = 0;
-  uint64_t length = 0;
-};
-// Writes FILE: the header, then the slices in order; removes FILE.part0 .. FILE.part<n-1>.
-bool gatherCsvParts(const std::string& csv, std::size_t parts, const std::vector<CsvSlice>& slices, std::ostream& err,
-                    std::string_view header = kFleetCsvHeader);
-// The same with the whole of each part, in order.
-bool gatherCsvParts(const std::string& csv, std::size_t parts, std::ostream& err, std::string_view header = kFleetCsvHeader);
-
 }  // namespace kltce

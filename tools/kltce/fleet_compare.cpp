@@ -83,7 +83,7 @@ FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet
         if (runs.back().exitCode != kExitOk) return stop(runs.back().exitCode, runs.back().error, reader.profileLine());
       }
       const ReplayResult& r = runs.back().replay;
-      if (std::ostream* rows = options.csvFor ? options.csvFor(fleetDeviceHash(device)) : options.csv) {
+      if (std::ostream* rows = options.csv) {
         writeChangedRows(*rows, device, outcomeChanges(runs[0].campaigns, runs[1].campaigns));
       }
       comparison.addDevice(runs[0].campaigns, runs[1].campaigns, r.lines, r.events, r.badLines);

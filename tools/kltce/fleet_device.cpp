@@ -75,7 +75,7 @@ DeviceRun replayFleetDevice(ReplayOptions o, const std::optional<KLTSharedMap>& 
     return run;
   };
   if (run.replay.queueBlocked) return fail(kExitBlocked, "the engine's queue is blocked for good; its replay says:\n" + err.str());
-  if (const auto failure = KLTSerialQueue::firstTaskFailure()) return fail(kExitFailed, "a task of the engine failed: " + *failure);
+  if (const auto& failure = run.replay.taskFailure) return fail(kExitFailed, "a task of the engine failed: " + *failure);
   if (run.replay.exitCode == kExitUsage) return fail(kExitUsage, err.str());
   run.campaigns.reserve(outcomes.size());
   for (CampaignOutcome& outcome : outcomes) {

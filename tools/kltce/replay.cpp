@@ -471,6 +471,7 @@ ReplayResult runReplay(const ReplayOptions& options, LineSource& lines, std::ost
   }
   replay.finish();
   replay.result.lines = number;
+  replay.result.taskFailure = host.engine().ceOpsSerialQueue()->taskFailure();
   // The engine logs each save that fails and goes on with the counters in memory. Once it is idle,
   // one more save either makes every counter durable (a no-op when the last save worked) or shows
   // that this run's counters are lost, which the person must learn from more than a log line.

@@ -99,6 +99,7 @@ struct ReplayResult {
   std::size_t events = 0;     // host events delivered
   std::size_t displays = 0;   // display events written
   std::size_t badLines = 0;   // lines skipped (or the one that stopped a strict run)
+  std::optional<std::string> taskFailure;  // what the first of the engine's tasks to throw threw
 };
 
 // The state file a run uses: --state when given; otherwise the per-user default location, except
