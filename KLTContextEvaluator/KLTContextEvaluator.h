@@ -110,17 +110,10 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // The stored item for an id, or nullptr; same threading rule.
   std::shared_ptr<KLTCEConfigItem> configItemForIdentifier(const std::string& identifier) const;
 
-  // For tools that replay many devices in one process (kltce fleet), tests and fuzzing, not for
-  // hosts: makes the engine as on a fresh device, so that one process can run many independent
-  // inputs without the earlier ones being reached or slowing the later ones. Forgets every stored
-  // config item and every listener registered with the host controller, and frees the forgotten
-  // rule objects (their cycles broken) together with those retired by earlier parses. Runs on the
-  // queue after every task posted before it and waits for it: false when the queue is not idle
-  // within the timeout (a timer that never ends holds it for good). Call from any thread but the
-  // queue's, with no event being delivered at the same time.
-  bool resetForTesting(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
  private:
+  // Tests reach the reset of the shared instance between cases through it (testsupport/).
+  friend struct KLTContextEvaluatorTestAccess;
   explicit KLTContextEvaluator(std::shared_ptr<KLTSerialQueue> queue);
   struct InstanceTag {};
   KLTContextEvaluator(InstanceTag, std::shared_ptr<KLTEnvironment> environment, std::shared_ptr<KLTSerialQueue> queue);

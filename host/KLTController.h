@@ -79,9 +79,9 @@ class KLTController {
   // not destroyed: rule objects hold each other in cycles meant to live for the whole process, so
   // the registry keeps them alive, undelivered, instead of leaking them unreachable.
   void removeAllListeners();
-  // Drops the listeners removeAllListeners() kept alive. For the engine's reset between devices
-  // (KLTContextEvaluator::resetForTesting()), once it has broken the cycles of its rule objects; a
-  // listener still in a reference cycle is leaked.
+  // Drops the listeners removeAllListeners() kept alive. For an engine instance that goes (or is
+  // reset in a test), once it has broken the cycles of its rule objects; a listener still in a
+  // reference cycle is leaked.
   void discardRemovedListeners();
   // Number of (key, listener) registrations.
   std::size_t registrationCount() const;

@@ -16,6 +16,7 @@
 #include "host/KLTUtilities.h"
 #include "platform/KLTBundle.h"
 #include "testsupport/KLTCapturedLog.h"
+#include "testsupport/KLTEngineReset.h"
 #include "testsupport/KLTTestHost.h"
 
 namespace {
@@ -201,7 +202,7 @@ TEST(KLTContextEvaluator, OnlyAListOfConfigsBuildsItems) {
     KLTTestHost host(0);
     host.controller().user()->setUserAttributes(J(R"({"tier": "gold"})"));
     host.controller().session()->setSessionAttributes(J(R"({"city": "Paris"})"));
-    ASSERT_TRUE(evaluator.resetForTesting());
+    ASSERT_TRUE(KLTResetEngine(evaluator));
     evaluator.parseConfiguration(row.document);
     host.drainEvaluatorQueue();
     EXPECT_EQ(evaluator.configurationIdentifiers(), row.built);
