@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "KLTContextEvaluator/KLTCEDecisionHooks.h"
+#include "KLTContextEvaluator/KLTCEDocument.h"
 #include "host/KLTEnvironment.h"
 #include "host/KLTEvent.h"
 #include "platform/KLTSerialQueue.h"
@@ -82,6 +83,10 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // The same parse of a document the caller keeps and may hand to many parses (a fleet parses one
   // document per device): it is only read, never copied. nullptr parses as an empty document.
   void parseConfiguration(std::shared_ptr<const KLTValue> document);
+  // The same parse of a document compiled beforehand (KLTCEDocument.h), which any number of engines
+  // share: each configuration is admitted for this engine's device, but not compiled again. Its
+  // decisions, items and log lines are those of the parse of the document's JSON.
+  void parseConfiguration(std::shared_ptr<const KLTCEDocument> document);
   // Queues the count of one display of the campaign with this id (the host calls it after showing
   // one). Unknown ids are ignored. Returns at once.
   void updateCountForConfigWithIdentifier(std::string identifier);
@@ -141,7 +146,8 @@ class KLTContextEvaluator final : public KeltoPlugin {
   // up each configuration once its item is built; nullptr: a shared document, only read.
   void parseTask(KLTValue* owned, const KLTValue& document);
   // Admits one configuration and stores the item built from it.
-  void parseOne(const KLTValue& config, int64_t priority);
+  // compiled: the configuration's campaign when compiled beforehand (KLTCEDocument), else nullptr.
+  void parseOne(const KLTValue& config, int64_t priority, std::shared_ptr<const KLTCECampaign> compiled = nullptr);
   bool checkConfiguration(const KLTValue& config, KLTCEAdmission* why) const;
   // The admission check in a parse; reports the admission to the observer when one is installed.
   bool admitConfiguration(const KLTValue& config, int64_t priority) const;

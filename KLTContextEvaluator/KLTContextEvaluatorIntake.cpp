@@ -31,7 +31,7 @@ void KLTContextEvaluator::parseConfiguration(std::shared_ptr<const KLTValue> doc
 
 // One configuration of a parse: a rejected one is logged with its id; an admitted one becomes the
 // item stored under its id.
-void KLTContextEvaluator::parseOne(const KLTValue& config, int64_t priority) {
+void KLTContextEvaluator::parseOne(const KLTValue& config, int64_t priority, std::shared_ptr<const KLTCECampaign> compiled) {
   const KLTValue& id = klt::valueForKey(config, kKLTConfigId);
   if (!admitConfiguration(config, priority)) {
     KLT_LOG_INFO("-[KLTContextEvaluator parseConfiguration:]_block_invoke",
@@ -39,7 +39,7 @@ void KLTContextEvaluator::parseOne(const KLTValue& config, int64_t priority) {
     return;
   }
   // A new item replaces the stored one; the old one stays registered with the host.
-  auto item = KLTCEConfigItem::create(config);
+  auto item = compiled ? KLTCEConfigItem::create(std::move(compiled)) : KLTCEConfigItem::create(config);
   if (!item) return;  // no text _id: nothing is built or stored
   std::shared_ptr<KLTCEConfigItem>& stored = _configuration[item->identifier()];
   if (stored) retiredItems.push_back(std::move(stored));
@@ -81,4 +81,13 @@ bool KLTContextEvaluator::admitConfiguration(const KLTValue& config, int64_t pri
   checkConfiguration(config, &admission);
   KLTCEDecisions::admission(klt::valueForKey(config, kKLTConfigId), priority, admission);
   return admission.admitted;
+}
+
+// The same parse as of the document's JSON, each configuration admitted afresh but built from the
+// campaign compiled once for every parse.
+void KLTContextEvaluator::parseConfiguration(std::shared_ptr<const KLTCEDocument> document) {
+  if (!document) document = KLTCEDocument::compile(nullptr);
+  _ceOpsSerialQueue->async([this, document = std::move(document)] {
+    for (const KLTCEDocument::Entry& entry : document->entries()) parseOne(*entry.config, entry.priority, entry.campaign);
+  });
 }

@@ -50,7 +50,8 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   if (options.compareWith) return replayFleetCompared(options, fleet);
   FleetResult result;
   ReplayOptions base;
-  base.document = std::make_shared<const KLTValue>(options.document);  // shared by every device's parse
+  base.document = std::make_shared<const KLTValue>(options.document);
+  base.compiled = KLTCEDocument::compile(base.document);  // compiled once, shared by every device's parse
   base.autoShown = options.autoShown;
   base.logLevel = 4;  // no DEBUG or ERROR line is even made; INFO lines go to the dropped log
   const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard, options.part); };

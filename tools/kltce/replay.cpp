@@ -127,7 +127,11 @@ class Replay {
 
   // Parses the start document. False when the engine's queue is blocked for good.
   bool startUp() {
-    host_.engine().parseConfiguration(options_.document);  // shared, not copied
+    if (options_.compiled) {
+      host_.engine().parseConfiguration(options_.compiled);
+    } else {
+      host_.engine().parseConfiguration(options_.document);  // shared, not copied
+    }
     return settle(0);
   }
 

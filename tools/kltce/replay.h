@@ -24,6 +24,7 @@
 #include <string>
 
 #include "KLTContextEvaluator/KLTCEDecision.h"
+#include "KLTContextEvaluator/KLTCEDocument.h"
 #include "platform/KLTClock.h"
 #include "platform/KLTLog.h"
 #include "platform/KLTUserDefaults.h"
@@ -38,6 +39,9 @@ enum class DisplayFormat { Json, Text };
 
 struct ReplayOptions {
   std::shared_ptr<const KLTValue> document;      // parsed at start-up; only read (a fleet shares one)
+  // The same document compiled beforehand, parsed at start-up in its place (a fleet compiles its
+  // document once for every device); nullptr: the document is compiled by the parse.
+  std::shared_ptr<const KLTCEDocument> compiled;
   Profile profile;
   std::shared_ptr<const KLTTimeZone> zone;       // nullptr: the profile's, else the system's
   std::optional<KLTTimePoint> start;
