@@ -63,10 +63,22 @@ int64_t side(const KLTValue& campaign, const char* figure, const char* which) {
   return numberOf(at(at(campaign, figure), which)).value_or(0);
 }
 
+// "label (old)": a long label is cut before its side, which the chart would cut off (it keeps
+// labels of up to 30 bytes).
+std::string sideLabel(const std::string& label, const std::string& which) {
+  constexpr std::size_t kChartBytes = 30;
+  const std::string suffix = " (" + which + ")";
+  const std::string_view ellipsis = "\u2026";
+  if (label.size() + suffix.size() <= kChartBytes) return label + suffix;
+  std::size_t cut = kChartBytes - suffix.size() - ellipsis.size();
+  while (cut > 0 && (static_cast<unsigned char>(label[cut]) & 0xC0) == 0x80) --cut;  // not inside a UTF-8 sequence
+  return label.substr(0, cut) + std::string(ellipsis) + suffix;
+}
+
 // A bar for each side of a figure: "label (old)" grey, "label (new)" in `tone`.
 void addPair(std::vector<Bar>& bars, const std::string& label, const KLTValue& figure, int tone) {
-  bars.push_back({label + " (old)", barValue(at(figure, "old")), valueText(at(figure, "old")), kOldTone});
-  bars.push_back({label + " (new)", barValue(at(figure, "new")), valueText(at(figure, "new")), tone});
+  bars.push_back({sideLabel(label, "old"), barValue(at(figure, "old")), valueText(at(figure, "old")), kOldTone});
+  bars.push_back({sideLabel(label, "new"), barValue(at(figure, "new")), valueText(at(figure, "new")), tone});
 }
 
 // The outcome changes of a campaign, the most devices first (ties in the pairs' order).
