@@ -181,7 +181,8 @@ int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& 
     if (!json.ok()) return usage(err, "merge: " + json.error);
     std::string error;
     if (FleetComparison::isComparisonJson(json.value)) {
-      return usage(err, "merge: '" + file + "': it is a comparison (of --compare), the parts before it plain summaries: the two do not merge");
+      return usage(err, "merge: '" + file +
+                            "': it is a comparison (of --compare), the parts before it plain summaries: the two do not merge");
     }
     const auto part = FleetSummary::fromJson(json.value, error);
     if (!part) return usage(err, "merge: '" + file + "': " + error);
