@@ -1,6 +1,6 @@
 # kltce's HTML reports opened in headless Chromium (tests/browser/, playwright-core from npm, both
-# installed by scripts/setup.sh): the shipped fleet's report and the why-not example's against the
-# JSON, planted faults that the checks must catch, and a 1,000-campaign report's size and opening
+# installed by scripts/setup.sh): the shipped fleet's report, its comparison's and the why-not
+# example's against the JSON, planted faults that the checks must catch, and a 1,000-campaign report's size and opening
 # time. A test without Chromium, node or playwright-core is skipped (exit 77), saying why.
 # Under the sanitizers the reports are the same bytes and the browser would add only time.
 if(NOT TARGET kltce OR CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
@@ -8,7 +8,7 @@ if(NOT TARGET kltce OR CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
 endif()
 find_program(KLTCE_NODE node)
 set(browser_out ${CMAKE_BINARY_DIR}/browser)
-foreach(check fleet_report explain_report planted_faults large_report)
+foreach(check fleet_report compare_report explain_report planted_faults large_report)
   set(name kltce_browser_${check})
   if(KLTCE_NODE)
     add_test(NAME ${name} COMMAND ${KLTCE_NODE} ${PROJECT_SOURCE_DIR}/tests/browser/${check}_test.mjs

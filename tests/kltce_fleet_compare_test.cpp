@@ -2,11 +2,16 @@
 // against two plain fleet runs, its merging, and the document diff behind it.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
+
+#include <unistd.h>
 
 #include "tools/kltce/check_compare.h"
 #include "tools/kltce/document_diff.h"
 #include "tools/kltce/fleet.h"
+#include "tools/kltce/fleet_command.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/replay.h"
 
@@ -231,6 +236,71 @@ TEST(FleetCompare, MergeRefusesWhatIsNotAComparison) {
     std::string error;
     EXPECT_FALSE(kltce::FleetComparison::fromJson(json, error));
     EXPECT_FALSE(error.empty());
+  }
+}
+
+// `kltce fleet merge` of comparisons adds up the parts of one run only, as a plain merge does: the
+// rows name the parts (shard/split and what differs in their "part") and what the merge must say.
+TEST(FleetCompare, MergeRefusesPartsThatAreNotOfOneRun) {
+  const KLTValue raised = document({campaign("capped", 1, 2), campaign("thrice", 3, 5)});
+  const auto identity = [](uint64_t shard, uint64_t split, const std::string& change) {
+    kltce::FleetIdentity id;
+    id.document = change == "document" ? "bbbbbbbbbbbbbbbb" : "aaaaaaaaaaaaaaaa";
+    id.compare = change == "old document" ? "dddddddddddddddd" : "cccccccccccccccc";
+    id.fleetSize = change == "fleet" ? 101 : 100;
+    id.fleetEnds = "0123456789abcdef";
+    id.split = split;
+    id.shards = {shard};
+    if (change == "no old document") id.compare.reset();
+    return id.toJson();
+  };
+  // A comparison's part, or with change "plain" a plain run's.
+  const auto part = [&](uint64_t shard, uint64_t split, const std::string& change = "") {
+    const Replayed run = replay(raised, change == "plain" ? std::nullopt : std::optional(kOld), {shard, split});
+    KLTValue json = run.result.comparison ? run.result.comparison->toJson() : run.result.summary.toJson();
+    json["part"] = identity(shard, split, change == "plain" ? "no old document" : change);
+    return json.dump();
+  };
+  struct Row {
+    const char* note;
+    std::vector<std::string> parts;
+    int status;
+    const char* message;
+  };
+  const std::vector<Row> rows = {
+      {"shards of one split", {part(0, 2), part(1, 2)}, 0, R"("split": 1,)"},
+      {"some shards of a split", {part(0, 3), part(2, 3)}, 0, R"("split": 3,)"},
+      {"the same part twice", {part(0, 2), part(0, 2)}, 2, "part 2': it repeats a part already merged (shard 0/2)"},
+      {"a whole run twice", {part(0, 1), part(0, 1)}, 2, "part 2': it repeats a part already merged (shard 0/1)"},
+      {"another shard count", {part(0, 2), part(1, 3)}, 2, "part 2': it is of another split (shards of 3, not of 2"},
+      {"another new document", {part(0, 2), part(1, 2, "document")}, 2, "part 2': it is of another campaign document"},
+      {"another old document", {part(0, 2), part(1, 2, "old document")}, 2,
+       "part 2': it compares with another old document (--compare: document dddddddddddddddd, not cccccccccccccccc)"},
+      {"another fleet", {part(0, 2), part(1, 2, "fleet")}, 2, "part 2': it is of another fleet file (101 bytes, not 100"},
+      {"a plain summary after a comparison", {part(0, 2), part(1, 2, "plain")}, 2, "part 2': not a comparison"},
+      {"a comparison after a plain summary", {part(0, 2, "plain"), part(1, 2)}, 2,
+       "part 2': it is a comparison (of --compare), the parts before it plain summaries: the two do not merge"},
+      {"a comparison whose part names no old document", {part(0, 2), part(1, 2, "no old document")}, 2,
+       "part 2': it is a plain summary, the parts before it comparisons (of --compare): the two do not merge"},
+      {"no part", {replay(raised, kOld).result.comparison->toJson().dump()}, 2, "part 1': \"part\" must say which run"},
+  };
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kltce_compare_merge_" + std::to_string(::getpid()));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.note);
+    std::filesystem::create_directories(dir);
+    kltce::FleetCommand command;
+    command.format = "json";
+    for (std::size_t i = 0; i < row.parts.size(); ++i) {
+      command.mergeFiles.push_back((dir / ("part " + std::to_string(i + 1))).string());
+      std::ofstream(command.mergeFiles.back()) << row.parts[i];
+    }
+    std::ostringstream out, err;
+    EXPECT_EQ(kltce::runFleetMerge(command, out, err), row.status) << err.str();
+    EXPECT_NE((row.status == 0 ? out : err).str().find(row.message), std::string::npos) << out.str() << err.str();
+    if (row.status != 0) {
+      EXPECT_EQ("", out.str());
+    }
+    std::filesystem::remove_all(dir);
   }
 }
 

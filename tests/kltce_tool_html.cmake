@@ -1,4 +1,5 @@
-# --html end to end: the display output stays byte for byte that of a run without it, a page that
+# --html end to end: the display output stays byte for byte that of a run without it (a comparison's
+# table and JSON too), a page that
 # cannot be written stops the command before any replay, and --html asks for --explain (refused as
 # the argument parser refuses any option, with its own exit code). (The pages
 # themselves are checked in a browser by browser_reports.cmake.)
@@ -18,3 +19,8 @@ kltce_e2e(fleet_html_unwritable
 kltce_e2e(fleet_html_summary
   ARGS fleet|--document|${kltce_examples}/campaigns.json|--fleet|${kltce_examples}/fleet/fleet.jsonl|--workers|2|--format|json|--html|${kltce_scratch}/fleet.html
   EXPECT_OUT ${kltce_examples}/fleet/summary.json)
+set(compare_html_args fleet|--document|${kltce_examples}/fleet/campaigns_v2.json|--compare|${kltce_examples}/campaigns.json|--fleet|${kltce_examples}/fleet/fleet.jsonl)
+kltce_e2e(fleet_compare_html_table ARGS ${compare_html_args}|--workers|2|--html|${kltce_scratch}/compare.html
+  EXPECT_OUT ${kltce_data}/fleet_compare_table.txt)
+kltce_e2e(fleet_compare_html_json ARGS ${compare_html_args}|--workers|1|--format|json|--html|${kltce_scratch}/compare.html
+  EXPECT_OUT ${kltce_examples}/fleet/compare.json)

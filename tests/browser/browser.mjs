@@ -95,6 +95,9 @@ export async function readPage(page) {
     document.querySelectorAll('body > table[data-table]').forEach((t) => { tables[t.dataset.table] = table(t); });
     const sections = [...document.querySelectorAll('main > section')].map((s) => ({
       campaign: s.dataset.campaign,
+      status: s.dataset.status ?? null,
+      badge: s.querySelector('h2 .st')?.textContent ?? null,
+      gist: s.querySelector(':scope > p')?.textContent ?? '',
       outcome: s.querySelector('p[data-outcome]') ? {
         kind: s.querySelector('p[data-outcome]').dataset.outcome,
         text: s.querySelector('p[data-outcome]').textContent,

@@ -23,7 +23,7 @@ function expected(c, key) {
 
 // Bars of a chart against the numbers they draw: one each, drawn, and in proportion (a bar of a
 // value above 0 is at least one pixel; 1.5 px of rounding allowed).
-function checkBars(where, bars, values, along, failures) {
+export function checkBars(where, bars, values, along, failures) {
   if (bars.length !== values.length) {
     failures.push(`${where}: ${bars.length} bars drawn for ${values.length} rows of its table`);
     return;

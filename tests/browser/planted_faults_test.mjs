@@ -1,10 +1,11 @@
 // The checks of the report tests catch what they are for: each row plants one fault in a copy of a
-// report (an empty chart, a number that disagrees, a campaign left out, a request leaving the
-// page, ...) and expects the checks to fail with a matching message. The untouched reports pass.
+// report (an empty chart, a number that disagrees, a campaign left out, a status mark altered, a
+// request leaving the page, ...) and expects the checks to fail with a matching message. The untouched reports pass.
 //   node planted_faults_test.mjs --kltce TOOL --source REPO --out DIR
 import fs from 'node:fs';
 import path from 'node:path';
 import { argsOf, openBrowser, openReport, readPage } from './browser.mjs';
+import { checkComparison } from './compare_checks.mjs';
 import { checkExplain, explainSummary } from './explain_checks.mjs';
 import { checkFleet } from './fleet_checks.mjs';
 import { kltce } from './run_tool.mjs';
@@ -51,12 +52,29 @@ const explainFaults = [
   ['campaign left out', after('<section', /<section[^]*?<\/section>\n/, ''), /not the document's/],
   ['timeline emptied', after('data-chart="timeline"', /width=\d+ height=\d+>/, 'width=0 height=0>'), /no size/],
 ];
+const compareFaults = [
+  ['status mark altered', after('data-status="added"', /(<span class="st s-added">)added</, '$1edited<'), /plan_upgrade is marked added \(badge edited\)/],
+  ['status altered', after('<main>', /data-status="removed"/, 'data-status="edited"'), /feedback_survey is marked edited/],
+  ['new value disagrees', after('<main>', /(data-k="reached\.new">)(\d+)</, bump), /figures reached\.new: the page says/],
+  ['change disagrees', after('id="c-tips_banner"', /(data-k="displays\.difference">)\+4</, '$1+5<'), /displays\.difference: the page says \+5, the JSON \+4/],
+  ['change without its sign', after('id="c-tips_banner"', /(data-k="displays\.difference">)\+4</, '$14<'), /the page says 4, the JSON \+4/],
+  ['overview disagrees', after('data-table="overview"', /(<td>)(-17)</, '$1-16<'), /overview feedback_survey reached\.difference/],
+  ['a side left out', after('id="c-welcome_offer"', /<td data-k="why_not\.count_short\.new">\d+<\/td>/, ''), /why_not\.count_short\.new is not shown/],
+  ['an outcome change left out', after('id="c-welcome_offer"', /<tr><th>count_short -&gt; fired<\/th>[^]*?<\/tr>/, ''), /outcome change count_short -> fired is not shown/],
+  ['gist altered', after('id="c-welcome_offer"', /count_short -&gt; fired 6/, 'count_short -&gt; fired 5'), /gist does not say "count_short -> fired 6"/],
+  ['funnel bar removed', after('data-chart="funnel"', /<rect [^>]*\/>/, ''), /funnel: 5 bars drawn for 6 rows/],
+  ['campaign left out', after('<section', /<section[^]*?<\/section>\n/, ''), /is missing/],
+  ['script error', after('</main>', /<\/main>/, '</main><script>throw new Error("planted")</script>'), /console error|page error/],
+];
 
-// Fleet and explain reports and what they are checked against.
+// Fleet, comparison and explain reports and what they are checked against.
 const doc = path.join(source, 'examples/campaigns.json');
 const fleet = ['fleet', '--document', doc, '--fleet', path.join(source, 'examples/fleet/fleet.jsonl'), '--workers', '1'];
 const fleetHtml = path.join(dir, 'fleet.html');
 const summary = JSON.parse(kltce(tool, [...fleet, '--format', 'json', '--html', fleetHtml]).stdout);
+const compareHtml = path.join(dir, 'compare.html');
+const comparison = JSON.parse(kltce(tool, ['fleet', '--document', path.join(source, 'examples/fleet/campaigns_v2.json'),
+  '--compare', doc, ...fleet.slice(3), '--format', 'json', '--html', compareHtml]).stdout);
 const whyNot = path.join(source, 'examples/why_not.json');
 const explainHtml = path.join(dir, 'explain.html');
 const trace = path.join(dir, 'trace.jsonl');
@@ -73,6 +91,7 @@ let bad = 0;
 try {
   const cases = [
     ['fleet', fleetHtml, [['untouched', (h) => h, null], ...fleetFaults], (v) => checkFleet(v, summary)],
+    ['compare', compareHtml, [['untouched', (h) => h, null], ...compareFaults], (v) => checkComparison(v, comparison)],
     ['explain', explainHtml, [['untouched', (h) => h, null], ...explainFaults], (v) => checkExplain(v, expected)],
   ];
   for (const [kind, file, faults, check] of cases) {

@@ -126,6 +126,7 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
   if (!command.compare.empty() && !prepareComparison(command.compare, options, err)) return false;
   options.identity = fleetIdentity(options.document, command.fleet, options.counters, options.autoShown,
                                    options.shard.index, options.shard.count);
+  if (options.compareWith) options.identity.compare = fleetDocumentHash(*options.compareWith);
   return true;
 }
 
@@ -172,12 +173,17 @@ int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream
 }
 
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err) {
+  if (mergesComparisons(command.mergeFiles)) return runComparisonMerge(command.mergeFiles, command.format, out, err);
   FleetSummary sum;
   std::optional<FleetIdentity> whole;
   for (const std::string& file : command.mergeFiles) {
     JsonResult json = loadJsonFile(file);
     if (!json.ok()) return usage(err, "merge: " + json.error);
     std::string error;
+    if (FleetComparison::isComparisonJson(json.value)) {
+      return usage(err, "merge: '" + file +
+                            "': it is a comparison (of --compare), the parts before it plain summaries: the two do not merge");
+    }
     const auto part = FleetSummary::fromJson(json.value, error);
     if (!part) return usage(err, "merge: '" + file + "': " + error);
     const auto identity = FleetIdentity::fromJson(klt::valueForKey(json.value, "part"), error);
@@ -238,7 +244,7 @@ int finishFleet(const std::vector<FleetResult>& results, const std::string& form
     err.flush();
     return first->exitCode;
   }
-  if (!results.empty() && results.front().comparison) return finishComparison(results, format, out, err);
+  if (!results.empty() && results.front().comparison) return finishComparison(results, format, identity, out, err);
   FleetSummary sum;
   for (const FleetResult& r : results) sum.merge(r.summary);
   writeSummary(sum, format, identity, out);

@@ -53,8 +53,9 @@ bool prepareFleet(const FleetCommand& command, FleetOptions& options, std::ostre
 // kExit* code; kExitBlocked means the engine's queue of this process may be held for good.
 int runFleetCommand(const FleetCommand& command, std::ostream& out, std::ostream& err);
 // `kltce fleet merge`: adds up the JSON summaries of mergeFiles and writes the sum. Refuses (exit 2)
-// parts of other documents, fleets or options, of another split, a shard twice, and counts that
-// do not add up or would pass 2^64 - 1.
+// parts of other documents, fleets or options, of another split, a shard twice, a comparison among
+// them, and counts that do not add up or would pass 2^64 - 1. When the first part is a comparison,
+// the parts are merged as comparisons (runComparisonMerge(), fleet_compare.h).
 int runFleetMerge(const FleetCommand& command, std::ostream& out, std::ostream& err);
 
 // A result as one JSON text, and back (what an MPI rank hands rank 0); false (error set) when the

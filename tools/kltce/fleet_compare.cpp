@@ -117,9 +117,12 @@ bool prepareComparison(const std::string& path, FleetOptions& options, std::ostr
 
 namespace {
 
-void writeComparison(const FleetComparison& comparison, const std::string& format, std::ostream& out) {
+void writeComparison(const FleetComparison& comparison, const std::string& format, const FleetIdentity& identity,
+                     std::ostream& out) {
   if (format == "json") {
-    out << comparison.toJson().dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
+    KLTValue json = comparison.toJson();
+    json["part"] = identity.toJson();
+    out << json.dump(2, ' ', false, KLTValue::error_handler_t::replace) << '\n';
   } else {
     comparison.writeTable(out);
   }
@@ -128,8 +131,8 @@ void writeComparison(const FleetComparison& comparison, const std::string& forma
 
 }  // namespace
 
-int finishComparison(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
-                     std::ostream& err) {
+int finishComparison(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
+                     std::ostream& out, std::ostream& err) {
   std::optional<FleetComparison> sum;
   for (const FleetResult& r : results) {
     if (!r.comparison) continue;
@@ -141,7 +144,7 @@ int finishComparison(const std::vector<FleetResult>& results, const std::string&
       return kExitFailed;
     }
   }
-  writeComparison(sum.value_or(FleetComparison()), format, out);
+  writeComparison(sum.value_or(FleetComparison()), format, identity, out);
   return kExitOk;
 }
 
@@ -154,22 +157,32 @@ bool mergesComparisons(const std::vector<std::string>& files) {
 int runComparisonMerge(const std::vector<std::string>& files, const std::string& format, std::ostream& out,
                        std::ostream& err) {
   std::optional<FleetComparison> sum;
+  std::optional<FleetIdentity> whole;
   for (const std::string& file : files) {
     JsonResult json = loadJsonFile(file);
     std::string error;
     std::optional<FleetComparison> part;
+    std::optional<FleetIdentity> identity;
+    // The first problem found is the one told: unreadable, not a comparison, of another run, or
+    // (which the identity should already have told) of other campaign statuses.
     if (!json.ok()) {
       error = json.error;
-    } else if ((part = FleetComparison::fromJson(json.value, error)) && sum) {
+    } else if ((part = FleetComparison::fromJson(json.value, error)) &&
+               (identity = FleetIdentity::fromJson(klt::valueForKey(json.value, "part"), error)) && sum &&
+               whole->add(*identity, error)) {
       sum->merge(*part, error);
     }
     if (!error.empty()) {
       err << "kltce: fleet: merge: '" << file << "': " << error << '\n';
       return kExitUsage;
     }
-    if (!sum) sum = std::move(part);
+    if (!sum) {
+      sum = std::move(part);
+      whole = std::move(identity);
+    }
   }
-  writeComparison(sum.value_or(FleetComparison()), format, out);
+  if (whole) whole->normalize();
+  writeComparison(sum.value_or(FleetComparison()), format, whole.value_or(FleetIdentity()), out);
   return kExitOk;
 }
 

@@ -29,14 +29,16 @@ FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet
 bool prepareComparison(const std::string& path, FleetOptions& options, std::ostream& err);
 
 // The end of a comparison run: the merged comparison of the results (none of which failed),
-// written in `format` (table or json). Returns the exit code.
-int finishComparison(const std::vector<FleetResult>& results, const std::string& format, std::ostream& out,
-                     std::ostream& err);
+// written in `format` (table, or json with `identity` as its "part"). Returns the exit code.
+int finishComparison(const std::vector<FleetResult>& results, const std::string& format, const FleetIdentity& identity,
+                     std::ostream& out, std::ostream& err);
 
 // Whether `kltce fleet merge` is given comparisons: its first file is one (false when that file
 // cannot be read: the plain merge then names the problem).
 bool mergesComparisons(const std::vector<std::string>& files);
-// `kltce fleet merge` of comparisons: adds them up and writes the sum in `format`.
+// `kltce fleet merge` of comparisons: adds them up and writes the sum in `format`. Refuses (exit 2),
+// as the plain merge does, parts of another run by their "part" (another new or old document,
+// fleet, options or split, a shard twice) and a plain summary among them.
 int runComparisonMerge(const std::vector<std::string>& files, const std::string& format, std::ostream& out,
                        std::ostream& err);
 

@@ -13,8 +13,9 @@
 //
 // JSON form (toJson(), fromJson(); `kltce fleet --compare --format json` and the input of `kltce
 // fleet merge`): the totals; per campaign its status, each figure as {"old", "new", "difference"}
-// and "outcome_changes"; then "old" and "new", the two summaries whole. Only the summaries, the
-// statuses and the outcome changes are read back; every other figure is recomputed from them.
+// and "outcome_changes"; then "old" and "new", the two summaries whole (the command adds "part",
+// its run's identity, fleet_identity.h). Only the summaries, the statuses and the outcome changes
+// are read back; every other figure is recomputed from them.
 //
 // Not thread-safe: one owner.
 #pragma once

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/kltce/html_page.h"
+#include "tools/kltce/html_table.h"
 #include "tools/kltce/svg_chart.h"
 
 namespace kltce {
@@ -18,65 +19,28 @@ std::string fixed2(double v) {
   return buffer;
 }
 
-std::string percentOf(uint64_t part, uint64_t whole) {
-  if (whole == 0) return "-";
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.1f%%", 100.0 * static_cast<double>(part) / static_cast<double>(whole));
-  return buffer;
-}
-
-std::string optionalSeconds(std::optional<int64_t> s) { return s ? std::to_string(*s) : "-"; }
-
 double perReached(const CampaignTally& t) {
   return t.reached == 0 ? 0.0 : static_cast<double>(t.displays) / static_cast<double>(t.reached);
 }
 
-// A row "<tr><th>name</th><td data-k=key>value</td></tr>".
-void row(std::string& out, std::string_view name, std::string_view key, std::string_view value) {
-  out += "<tr><th>";
-  appendEscaped(out, name);
-  out += "</th><td";
-  if (!key.empty()) {
-    out += " data-k=\"";
-    appendEscaped(out, key);
-    out += '"';
-  }
-  out += '>';
-  appendEscaped(out, value);
-  out += "</td></tr>";
+void row(std::string& out, std::string_view name, std::string_view key, std::string value) {
+  appendRow(out, name, {{std::string(key), std::move(value)}});
 }
-
-void openFigure(std::string& out, std::string_view caption) {
-  out += "<figure><figcaption>";
-  appendEscaped(out, caption);
-  out += "</figcaption><div class=\"row\">";
-}
-
-// The figure's caption names the table too: a report of a thousand campaigns has three thousand.
-void openTable(std::string& out, std::string_view name, std::string_view valueHead) {
-  out += "<table class=\"num\" data-table=\"";
-  out += name;
-  out += "\"><thead><tr><th></th><th>";
-  appendEscaped(out, valueHead);
-  out += "</th></tr></thead><tbody>";
-}
-
-void closeFigure(std::string& out) { out += "</tbody></table></div></figure>"; }
 
 void appendFunnel(std::string& out, const std::string& id, const CampaignTally& t) {
-  openFigure(out, "Funnel");
+  appendFigureStart(out, "Funnel");
   appendBarChart(out, "funnel", id + ": funnel",
                  {{"devices seen", static_cast<double>(t.devices), std::to_string(t.devices), 5},
                   {"admitted", static_cast<double>(t.admitted), std::to_string(t.admitted), 0},
                   {"reached", static_cast<double>(t.reached), std::to_string(t.reached), 1}},
                  "no device");
-  openTable(out, "funnel", "devices");
+  appendTableStart(out, "funnel", {"devices"});
   row(out, "devices seen", "devices", std::to_string(t.devices));
   row(out, "admitted", "admitted", std::to_string(t.admitted));
   row(out, "reached", "reached", std::to_string(t.reached));
   row(out, "displays", "displays", std::to_string(t.displays));
   row(out, "displays per reached device", "displays_per_reached", fixed2(perReached(t)));
-  closeFigure(out);
+  appendFigureEnd(out);
 }
 
 void appendWhyNot(std::string& out, const std::string& id, const CampaignTally& t) {
@@ -95,16 +59,16 @@ void appendWhyNot(std::string& out, const std::string& id, const CampaignTally& 
   std::vector<Bar> bars;
   for (const Reason& r : reasons) bars.push_back({r.label, static_cast<double>(r.count), std::to_string(r.count), r.tone});
   const uint64_t notReached = t.devices >= t.reached ? t.devices - t.reached : 0;
-  openFigure(out, "Why not");
+  appendFigureStart(out, "Why not");
   appendBarChart(out, "why-not", id + ": why not", bars,
                  "every device was reached");
-  openTable(out, "why-not", "devices");
+  appendTableStart(out, "why-not", {"devices"});
   for (const Reason& r : reasons) row(out, r.label, r.key, std::to_string(r.count));
   row(out, "not reached", "not_reached", std::to_string(notReached));
   if (const auto it = t.whyNot.find("rejected"); it != t.whyNot.end()) {
     row(out, "of which rejected", "why_not.rejected", std::to_string(it->second));
   }
-  closeFigure(out);
+  appendFigureEnd(out);
 }
 
 void appendFirstDisplay(std::string& out, const std::string& id, const CampaignTally& t) {
@@ -113,17 +77,17 @@ void appendFirstDisplay(std::string& out, const std::string& id, const CampaignT
   std::vector<Marker> markers;
   if (median) markers.push_back({"median " + std::to_string(*median) + " s", *median});
   if (p90) markers.push_back({"p90 " + std::to_string(*p90) + " s", *p90});
-  openFigure(out, "Time to first display");
+  appendFigureStart(out, "Time to first display");
   appendHistogram(out, "first-display", id + ": time to first display", bins,
                   markers, "s", "no display");
-  openTable(out, "first-display", "devices");
+  appendTableStart(out, "first-display", {"devices"});
   for (const Bin& b : bins) {
     out += "<tr class=\"bin\"><th>" + std::to_string(b.from) + "\u2013" + std::to_string(b.to) + " s</th><td>" +
            std::to_string(b.count) + "</td></tr>";
   }
-  row(out, "median (s)", "first_display_seconds.median", optionalSeconds(median));
-  row(out, "90th percentile (s)", "first_display_seconds.p90", optionalSeconds(p90));
-  closeFigure(out);
+  row(out, "median (s)", "first_display_seconds.median", secondsText(median));
+  row(out, "90th percentile (s)", "first_display_seconds.p90", secondsText(p90));
+  appendFigureEnd(out);
 }
 
 void appendOverview(std::string& out, const FleetSummary& summary) {
@@ -139,9 +103,9 @@ void appendOverview(std::string& out, const FleetSummary& summary) {
     out += "\"><th><a href=\"#" + anchorOf(id) + "\">";
     appendEscaped(out, id);
     out += "</a></th><td>" + std::to_string(t.devices) + "</td><td>" + std::to_string(t.admitted) + "</td><td>" +
-           std::to_string(t.reached) + "</td><td>" + percentOf(t.reached, t.devices) + "</td><td>" +
-           std::to_string(t.displays) + "</td><td>" + optionalSeconds(t.firstDisplayQuantile(0.5)) + "</td><td>" +
-           optionalSeconds(t.firstDisplayQuantile(0.9)) + "</td></tr>";
+           std::to_string(t.reached) + "</td><td>" + percentText(t.reached, t.devices) + "</td><td>" +
+           std::to_string(t.displays) + "</td><td>" + secondsText(t.firstDisplayQuantile(0.5)) + "</td><td>" +
+           secondsText(t.firstDisplayQuantile(0.9)) + "</td></tr>";
   }
   out += "</tbody></table>\n";
 }
@@ -164,12 +128,9 @@ std::string fleetReportHtml(const FleetSummary& summary, const FleetReportFacts&
   appendOverview(out, summary);
   out += "<main>\n";
   for (const auto& [id, t] : summary.campaigns()) {
-    out += "<section id=\"" + anchorOf(id) + "\" data-campaign=\"";
-    appendEscaped(out, id);
-    out += "\"><h2>";
-    appendEscaped(out, id);
-    out += "</h2><p>reached " + std::to_string(t.reached) + " of " + std::to_string(t.devices) + " devices (" +
-           percentOf(t.reached, t.devices) + "), " + std::to_string(t.displays) + " displays</p><div class=\"figs\">";
+    appendCampaignSectionStart(out, id);
+    out += "<p>reached " + std::to_string(t.reached) + " of " + std::to_string(t.devices) + " devices (" +
+           percentText(t.reached, t.devices) + "), " + std::to_string(t.displays) + " displays</p><div class=\"figs\">";
     appendFunnel(out, id, t);
     appendWhyNot(out, id, t);
     appendFirstDisplay(out, id, t);

@@ -28,6 +28,8 @@ bool isHex(const KLTValue& v) {
 
 }  // namespace
 
+std::string fleetDocumentHash(const KLTValue& document) { return hashOf(document); }
+
 FleetIdentity fleetIdentity(const KLTValue& document, const std::string& fleet,
                             const std::optional<KLTSharedMap>& counters, bool autoShown, uint64_t shardIndex,
                             uint64_t shardCount) {
@@ -89,6 +91,7 @@ void FleetEndsTap::into(FleetIdentity& identity) const {
 KLTValue FleetIdentity::toJson() const {
   KLTValue out = KLTValue::object();
   out["document"] = document;
+  if (compare) out["compare"] = *compare;
   out["fleet"] = KLTValue{{"size", fleetSize}, {"ends", fleetEnds}};
   out["state"] = state ? KLTValue(*state) : KLTValue();
   out["auto_shown"] = autoShown;
@@ -105,12 +108,14 @@ std::optional<FleetIdentity> FleetIdentity::fromJson(const KLTValue& json, std::
   FleetIdentity id;
   if (!json.is_object() || !isHex(field("document")) ||
       !klt::valueForKey(fleet, "size").is_number_unsigned() || !klt::valueForKey(fleet, "ends").is_string() ||
-      !(state.is_null() || isHex(state)) || !field("auto_shown").is_boolean() || !field("split").is_number_unsigned() ||
+      !(state.is_null() || isHex(state)) || (json.contains("compare") && !isHex(field("compare"))) ||
+      !field("auto_shown").is_boolean() || !field("split").is_number_unsigned() ||
       field("split").get<uint64_t>() == 0 || !shards.is_array() || shards.empty()) {
     error = "\"part\" must say which run and shards it holds (document, fleet, state, auto_shown, split, shards)";
     return std::nullopt;
   }
   id.document = field("document").get<std::string>();
+  if (json.contains("compare")) id.compare = field("compare").get<std::string>();
   id.fleetSize = fleet["size"].get<uint64_t>();
   id.fleetEnds = fleet["ends"].get<std::string>();
   if (!state.is_null()) id.state = state.get<std::string>();
@@ -128,8 +133,13 @@ std::optional<FleetIdentity> FleetIdentity::fromJson(const KLTValue& json, std::
 }
 
 bool FleetIdentity::add(const FleetIdentity& other, std::string& error) {
-  if (other.document != document) {
+  if (other.compare.has_value() != compare.has_value()) {
+    error = other.compare ? "it is a comparison (of --compare), the parts before it plain summaries: the two do not merge"
+                          : "it is a plain summary, the parts before it comparisons (of --compare): the two do not merge";
+  } else if (other.document != document) {
     error = "it is of another campaign document (document " + other.document + ", not " + document + ")";
+  } else if (other.compare != compare) {
+    error = "it compares with another old document (--compare: document " + *other.compare + ", not " + *compare + ")";
   } else if (other.fleetSize != fleetSize || other.fleetEnds != fleetEnds) {
     error = "it is of another fleet file (" + std::to_string(other.fleetSize) + " bytes, not " +
             std::to_string(fleetSize) + ", or other contents)";

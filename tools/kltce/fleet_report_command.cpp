@@ -4,8 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <utility>
 
+#include "tools/kltce/fleet_compare_html.h"
 #include "tools/kltce/fleet_html.h"
 #include "tools/kltce/json_text.h"
 #include "tools/kltce/replay.h"
@@ -23,16 +26,19 @@ int runFleetWithHtml(FleetCommand command, bool merge, const std::string& html, 
   facts.whenLabel = merge ? "merged at" : "run at";
   facts.when = reportTimeText(reportMoment());
   facts.toolVersion = toolVersion;
-  if (!command.document.empty()) {
+  // The documents named in the header: the new one, and the old one of a comparison.
+  DocumentFacts document, old;
+  for (auto [path, into] : {std::pair{&command.document, &document}, std::pair{&command.compare, &old}}) {
+    if (path->empty()) continue;
     std::string error;
-    const auto document = documentFacts(command.document, error);
-    // Without merge, the command itself names an unreadable document.
-    if (!document && merge) return fail(error);
-    if (document) {
-      facts.document = document->name;
-      facts.documentHash = document->sha256;
+    if (const auto read = documentFacts(*path, error)) {
+      *into = *read;
+    } else if (merge) {
+      return fail(error);  // without merge, the command itself names an unreadable document
     }
   }
+  facts.document = document.name;
+  facts.documentHash = document.sha256;
   std::ofstream file(html, std::ios::out | std::ios::trunc | std::ios::binary);
   if (!file) return fail("cannot write '" + html + "': " + std::strerror(errno));
 
@@ -49,12 +55,19 @@ int runFleetWithHtml(FleetCommand command, bool merge, const std::string& html, 
   const std::string text = json.str();
   JsonResult parsed = parseJson(text);
   std::string error;
-  const auto summary = parsed.ok() ? FleetSummary::fromJson(parsed.value, error) : std::nullopt;
-  if (!summary) {
+  // The JSON says whether it is a comparison's: a merge is one when its parts are.
+  std::optional<FleetSummary> summary;
+  std::optional<FleetComparison> comparison;
+  if (parsed.ok() && FleetComparison::isComparisonJson(parsed.value)) {
+    comparison = FleetComparison::fromJson(parsed.value, error);
+  } else if (parsed.ok()) {
+    summary = FleetSummary::fromJson(parsed.value, error);
+  }
+  if (!summary && !comparison) {
     err << "kltce: fleet: --html: the summary does not read back: " << (parsed.ok() ? error : parsed.error) << '\n';
     return kExitFailed;
   }
-  file << fleetReportHtml(*summary, facts);
+  file << (comparison ? fleetComparisonReportHtml(*comparison, facts, old.name, old.sha256) : fleetReportHtml(*summary, facts));
   file.close();
   if (!file) {
     err << "kltce: fleet: --html: writing '" << html << "' failed\n";
@@ -62,6 +75,8 @@ int runFleetWithHtml(FleetCommand command, bool merge, const std::string& html, 
   }
   if (format == "json") {
     out << text;
+  } else if (comparison) {
+    comparison->writeTable(out);
   } else {
     summary->writeTable(out);
   }

@@ -32,6 +32,8 @@ svg .ax{stroke:#8d96a8;fill:none}svg .mk{stroke:#c0392b;stroke-dasharray:4 3;fil
 .fired{background:#eaf5ee;border-left:4px solid #5a9e6f;padding:4px 8px;margin:4px 0 8px}
 .vals{font-family:ui-monospace,monospace;font-size:11px;word-break:break-all;max-width:720px}
 .lg{font-size:11px;color:#56607a;margin:0 0 6px}
+.st{font-size:11px;font-weight:600;padding:1px 6px;border-radius:3px;background:#eef0f4;color:#56607a}
+h2 .st{margin-left:8px;vertical-align:middle}.s-added{background:#eaf5ee;color:#2f6b41}.s-removed{background:#fbe9e7;color:#a23325}.s-edited{background:#fdf0e8;color:#8a5a12}
 )";
 
 }  // namespace

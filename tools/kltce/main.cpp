@@ -29,7 +29,6 @@
 #include "tools/kltce/check_compare.h"
 #include "tools/kltce/explain.h"
 #include "tools/kltce/explain_report_command.h"
-#include "tools/kltce/fleet_compare.h"
 #include "tools/kltce/fleet_command.h"
 #include "tools/kltce/fleet_report_command.h"
 #include "tools/kltce/json_text.h"
@@ -148,6 +147,7 @@ static int runCommand(int argc, char** argv) {
   fleet->add_option("--html", fleetHtml, "also write the summary as an HTML report (charts and tables per campaign) to FILE");
   fleetMerge->add_option("--html", fleetHtml, "also write the sum as an HTML report to FILE");
   fleetMerge->add_option("--document", fleetCommand.document, "the campaign document, named with its SHA-256 in --html's header");
+  fleetMerge->add_option("--compare", fleetCommand.compare, "the old document of merged comparisons, named likewise");
 
   // A word where a command is expected is named as an unknown command, not as a missing one.
   for (auto [parent, place] : {std::pair{static_cast<CLI::App*>(&app), 1}, std::pair{stateCmd, 2}}) {
@@ -172,15 +172,7 @@ static int runCommand(int argc, char** argv) {
   }
 
   if (fleet->parsed()) {
-    const bool comparison =
-        fleetMerge->parsed() ? kltce::mergesComparisons(fleetCommand.mergeFiles) : !fleetCommand.compare.empty();
-    if (comparison && !fleetHtml.empty()) {
-      std::cerr << "kltce: fleet: --html: the report of a comparison is not made yet; leave out --html or --compare\n";
-      return kltce::kExitUsage;
-    }
-    if (fleetMerge->parsed() && comparison) {
-      return kltce::runComparisonMerge(fleetCommand.mergeFiles, fleetCommand.format, std::cout, std::cerr);
-    }
+    // A merge of comparisons is told from a plain one by its first part.
     if (fleetMerge->parsed()) {
       return fleetHtml.empty() ? kltce::runFleetMerge(fleetCommand, std::cout, std::cerr)
                                : kltce::runFleetWithHtml(fleetCommand, true, fleetHtml, toolVersion, std::cout, std::cerr);
