@@ -1,6 +1,8 @@
 // Engine instances: creation over an environment, the bindings that make an instance's environment
 // the one in effect where its work runs, and destruction.
 #include <chrono>
+#include <mutex>
+#include <vector>
 
 #include "KLTContextEvaluator/KLTCEConfigItem.h"
 #include "KLTContextEvaluator/KLTCEConstants.h"
@@ -14,6 +16,16 @@ namespace {
 thread_local KLTContextEvaluator* boundEngine = nullptr;
 
 constexpr std::chrono::seconds kTeardownWait{10};
+
+// What instances whose queue a timer holds for good leave behind (see ~KLTContextEvaluator()).
+std::vector<std::shared_ptr<const void>>& heldForGood() {
+  static auto* held = new std::vector<std::shared_ptr<const void>>();
+  return *held;
+}
+std::mutex& heldForGoodMutex() {
+  static auto* m = new std::mutex();
+  return *m;
+}
 
 }  // namespace
 
@@ -73,13 +85,16 @@ KLTContextEvaluator::~KLTContextEvaluator() {
   });
   if (!_ceOpsSerialQueue->waitUntilIdleFor(kTeardownWait)) {
     // A task holds the queue for good and may still use the rule objects, the observer and this
-    // engine's environment: none of them may be freed under it.
-    new std::shared_ptr<KLTSerialQueue>(_ceOpsSerialQueue);
-    new std::shared_ptr<KLTEnvironment>(environment_);
-    auto* kept = new std::vector<std::shared_ptr<KLTCEConfigItem>>(std::move(retiredItems));
-    for (auto& [id, item] : _configuration) kept->push_back(std::move(item));
-    new std::shared_ptr<KLTCEDecisionObserver>(std::move(decisionObserver));
-    (void)new std::unique_ptr<KLTCEDecisions::Channel>(std::move(channel_));
+    // engine's environment: none of them may be freed under it. They stay reachable, for the rest
+    // of the process, from a list nothing else reads.
+    std::lock_guard lock(heldForGoodMutex());
+    auto& held = heldForGood();
+    held.push_back(_ceOpsSerialQueue);
+    held.push_back(environment_);
+    for (auto& item : retiredItems) held.push_back(std::move(item));
+    for (auto& [id, item] : _configuration) held.push_back(std::move(item));
+    held.push_back(std::move(decisionObserver));
+    held.push_back(std::shared_ptr<KLTCEDecisions::Channel>(std::move(channel_)));
     return;
   }
   _ceOpsSerialQueue->setSeamScope(nullptr);
