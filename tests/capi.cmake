@@ -10,7 +10,7 @@ target_compile_options(kltce_header_alone_cxx PRIVATE -Wall -Wextra -Wpedantic -
 
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(KLTCE_CJSON REQUIRED IMPORTED_TARGET libcjson)  # the C host reads its JSON with cJSON
-add_executable(kltce_c_host ${CMAKE_CURRENT_LIST_DIR}/capi/kltce_c_host.c)
+add_executable(kltce_c_host ${PROJECT_SOURCE_DIR}/examples/c_host/main.c)
 set_target_properties(kltce_c_host PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
 target_compile_options(kltce_c_host PRIVATE -pedantic -Wall -Werror)
 target_link_libraries(kltce_c_host PRIVATE KLTContextEvaluator PkgConfig::KLTCE_CJSON)

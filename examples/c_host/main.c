@@ -5,6 +5,7 @@
  * so that a 30-second idle condition fires without waiting.
  *
  * Usage: kltce_c_host DOCUMENT PROFILE EVENTS    (exit status 0, or 1 with a message on error)
+ * The tests build it as build/<preset>/tests/kltce_c_host (it reads JSON with cJSON, libcjson-dev).
  */
 #define _DEFAULT_SOURCE /* setenv, tzset, localtime_r and tm_gmtoff */
 #include <cjson/cJSON.h>
