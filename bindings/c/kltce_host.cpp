@@ -16,35 +16,43 @@ KLTTimePoint instantOfMillis(int64_t millis) {
 
 CallbackClock::CallbackClock(kltce_clock_fn fn, void* context, std::shared_ptr<const KLTTimeZone> zone,
                              bool virtualTimers, std::shared_ptr<Gate> gate)
-    : fn_(fn),
-      context_(context),
-      zone_(std::move(zone)),
-      gate_(std::move(gate)),
-      virtual_(virtualTimers ? std::make_unique<KLTVirtualClock>(KLTTimePoint::min(), zone_) : nullptr) {}
+    : fn_(fn), context_(context), zone_(std::move(zone)), gate_(std::move(gate)), virtual_(virtualTimers) {}
 
 KLTTimePoint CallbackClock::read() const {
   // A closed handle's context may be gone: its engine's leftover tasks read the last time seen.
-  if (!gate_->open.load(std::memory_order_acquire)) return virtual_ ? virtual_->now() : KLTTimePoint::min();
+  if (!gate_->open.load(std::memory_order_acquire)) {
+    return virtual_ ? KLTTimePoint(KLTTimePoint::duration(floor_.load(std::memory_order_acquire))) : KLTTimePoint::min();
+  }
   return instantOfMillis(fn_(context_));
+}
+
+KLTTimePoint CallbackClock::raise(KLTTimePoint t) const {
+  KLTTimePoint::rep seen = floor_.load(std::memory_order_acquire);
+  const KLTTimePoint::rep wanted = t.time_since_epoch().count();
+  while (wanted > seen) {
+    if (floor_.compare_exchange_weak(seen, wanted, std::memory_order_acq_rel)) return t;
+  }
+  return KLTTimePoint(KLTTimePoint::duration(seen));
 }
 
 KLTTimePoint CallbackClock::now() const {
   const KLTTimePoint t = read();
-  if (!virtual_) return t;
-  virtual_->setNow(t);  // ignored when earlier: the engine's time never goes back
-  return virtual_->now();
+  return virtual_ ? raise(t) : t;
 }
 
 bool CallbackClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
-  if (virtual_) {
-    now();  // the wait starts from the host's present
-    return virtual_->sleepUntil(deadline, stop);
+  if (stop.stop_requested()) return false;
+  const bool forever = deadline == KLTTimePoint::max();
+  if (virtual_ && !forever) {
+    raise(deadline);  // the timer ends at once: the engine's time moves to its end
+    return true;
   }
+  if (virtual_ && unwindEndless_.load(std::memory_order_acquire)) throw KLTEndlessWait{};
   std::mutex m;
   std::condition_variable_any cv;
   std::unique_lock lock(m);
   while (!stop.stop_requested()) {
-    if (deadline == KLTTimePoint::max()) {
+    if (forever) {
       cv.wait(lock, stop, [] { return false; });
       continue;
     }
@@ -57,9 +65,7 @@ bool CallbackClock::sleepUntil(KLTTimePoint deadline, std::stop_token stop) {
   return false;
 }
 
-void CallbackClock::setUnwindEndlessWaits(bool on) {
-  if (virtual_) virtual_->setUnwindEndlessWaits(on);
-}
+void CallbackClock::setUnwindEndlessWaits(bool on) { unwindEndless_.store(on, std::memory_order_release); }
 
 void CallbackLogSink::write(std::string_view line) {
   if (!gate_->open.load(std::memory_order_acquire)) return;
@@ -69,6 +75,15 @@ void CallbackLogSink::write(std::string_view line) {
   if (line.starts_with("<KLT ERROR>")) level = KLTCE_LOG_ERROR;
   const std::string text(line);  // NUL-terminated for the host
   fn_(context_, level, text.c_str(), text.size());
+}
+
+void CallbackLogSink::writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line) {
+  if (!gate_->open.load(std::memory_order_acquire)) return;
+  const std::string text = KLTLog::format(level, message, method, line);
+  const kltce_log_level cLevel = level == KLTLogLevel::Debug ? KLTCE_LOG_DEBUG
+                                 : level == KLTLogLevel::Error ? KLTCE_LOG_ERROR
+                                                               : KLTCE_LOG_INFO;
+  fn_(context_, cLevel, text.c_str(), text.size());
 }
 
 void CallbackDecisionObserver::onDecision(const KLTCEDecision& decision) {

@@ -15,7 +15,6 @@
 #include "KLTContextEvaluator/KLTCEDecision.h"
 #include "platform/KLTClock.h"
 #include "platform/KLTLog.h"
-#include "platform/KLTVirtualClock.h"
 
 namespace kltce::capi {
 
@@ -39,12 +38,17 @@ class CallbackClock final : public KLTClock {
 
  private:
   KLTTimePoint read() const;
+  // Virtual timers: the later of t and the engine's time so far, which becomes the engine's time.
+  KLTTimePoint raise(KLTTimePoint t) const;
   const kltce_clock_fn fn_;
   void* const context_;
   const std::shared_ptr<const KLTTimeZone> zone_;
   const std::shared_ptr<Gate> gate_;
-  // Virtual timers: the engine's own time, moved forward by the callback's readings and by waits.
-  const std::unique_ptr<KLTVirtualClock> virtual_;
+  const bool virtual_;
+  // Virtual timers: the engine's time, moved forward by the callback's readings and by waits. An
+  // atomic rather than a lock: the engine reads the clock at every counted event.
+  mutable std::atomic<KLTTimePoint::rep> floor_{KLTTimePoint::min().time_since_epoch().count()};
+  std::atomic<bool> unwindEndless_{false};
 };
 
 class CallbackLogSink final : public KLTLogSink {
@@ -52,6 +56,8 @@ class CallbackLogSink final : public KLTLogSink {
   CallbackLogSink(kltce_log_fn fn, void* context, std::shared_ptr<Gate> gate)
       : fn_(fn), context_(context), gate_(std::move(gate)) {}
   void write(std::string_view line) override;
+  // Formats the line once, into the NUL-terminated text the callback gets (no second copy).
+  void writeLine(KLTLogLevel level, std::string_view message, std::string_view method, int line) override;
 
  private:
   const kltce_log_fn fn_;
