@@ -9,6 +9,7 @@
 #include <jni.h>
 #include <kltce/kltce.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 #include <vector>
@@ -19,6 +20,7 @@ struct JavaHost {
   JavaVM* vm = nullptr;
   jweak engine = nullptr;
   jmethodID dispatch = nullptr, log = nullptr, decision = nullptr, clock = nullptr;
+  std::atomic<int64_t> settableNow{0};  // the time of a clock the host sets (Engine.setTimeMillis)
 };
 
 // Detaches, when the thread ends, a thread this file attached.
@@ -73,6 +75,10 @@ void onLog(void* context, kltce_log_level level, const char* line, std::size_t l
 void onDecision(void* context, const char* record) {
   const auto* host = static_cast<const JavaHost*>(context);
   callJava(host, [&](JNIEnv* env, jobject engine) { env->CallVoidMethod(engine, host->decision, bytes(env, record)); });
+}
+
+int64_t onSettableClock(void* context) {
+  return static_cast<const JavaHost*>(context)->settableNow.load(std::memory_order_acquire);
 }
 
 int64_t onClock(void* context) {
@@ -130,8 +136,8 @@ extern "C" {
 
 JNIEXPORT void JNICALL Java_com_kelto_kltce_Engine_nCreate(JNIEnv* env, jobject self, jbyteArray storePath,
                                                             jbyteArray deviceModel, jboolean firstSession,
-                                                            jbyteArray appVersion, jbyteArray timeZone, jboolean clock,
-                                                            jboolean virtualTimers, jboolean log, jint logLevel,
+                                                            jbyteArray appVersion, jbyteArray timeZone, jint clock,
+                                                            jlong startMillis, jboolean virtualTimers, jboolean log, jint logLevel,
                                                             jboolean dispatch, jboolean drained, jlongArray made) {
   auto* host = new (std::nothrow) JavaHost;
   if (!host) {
@@ -157,8 +163,9 @@ JNIEXPORT void JNICALL Java_com_kelto_kltce_Engine_nCreate(JNIEnv* env, jobject 
   config.first_session = firstSession;
   config.app_version = version.get();
   config.time_zone = zone.get();
-  if (clock) {
-    config.clock = onClock;
+  host->settableNow.store(startMillis);
+  if (clock != 0) {
+    config.clock = clock == 2 ? onSettableClock : onClock;  // 1: the host's LongSupplier; 2: a clock it sets
     config.clock_context = host;
     config.virtual_timers = virtualTimers;
   }
@@ -187,6 +194,10 @@ JNIEXPORT void JNICALL Java_com_kelto_kltce_Engine_nFree(JNIEnv* env, jclass, jl
   auto* host = reinterpret_cast<JavaHost*>(hostHandle);
   env->DeleteWeakGlobalRef(host->engine);
   delete host;
+}
+
+JNIEXPORT void JNICALL Java_com_kelto_kltce_Engine_nSetTime(JNIEnv*, jclass, jlong hostHandle, jlong millis) {
+  reinterpret_cast<JavaHost*>(hostHandle)->settableNow.store(millis, std::memory_order_release);
 }
 
 JNIEXPORT void JNICALL Java_com_kelto_kltce_Engine_nParse(JNIEnv* env, jobject, jlong handle, jbyteArray document) {

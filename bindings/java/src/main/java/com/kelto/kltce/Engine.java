@@ -35,6 +35,8 @@ public final class Engine implements AutoCloseable {
     private String timeZone;
     private LongSupplier clock;
     private boolean virtualTimers;
+    private boolean settableClock;
+    private long startMillis;
     private Listeners.LogListener log;
     private int logLevel = 2;
     private Listeners.DispatchListener dispatch;
@@ -51,7 +53,20 @@ public final class Engine implements AutoCloseable {
     /** Epoch milliseconds; none: the system clock. With virtual timers a timer ends at once. */
     public Builder clock(LongSupplier millis, boolean virtualTimers) {
       clock = millis;
+      settableClock = false;
       this.virtualTimers = virtualTimers;
+      return this;
+    }
+    /**
+     * A clock the host sets with {@link Engine#setTimeMillis(long)}, starting at startMillis, with
+     * virtual timers: the engine reads it without calling into Java (it reads the clock at every
+     * counted event), which suits a host that replays recorded time.
+     */
+    public Builder settableClock(long startMillis) {
+      clock = null;
+      settableClock = true;
+      virtualTimers = true;
+      this.startMillis = startMillis;
       return this;
     }
     /** Log lines go to the listener (none: standard error) at the host's level (default 2). */
@@ -81,12 +96,17 @@ public final class Engine implements AutoCloseable {
     settings = b;
     long[] made = new long[2];  // the engine handle and the native host's state
     nCreate(utf8(b.storePath), utf8(b.deviceModel), b.firstSession, utf8(b.appVersion), utf8(b.timeZone),
-        b.clock != null, b.virtualTimers, b.log != null, b.logLevel, b.dispatch != null, b.drainedQueue, made);
+        b.clock != null ? 1 : b.settableClock ? 2 : 0, b.startMillis, b.virtualTimers, b.log != null, b.logLevel, b.dispatch != null, b.drainedQueue, made);
     handle = made[0];
     host = made[1];
     final long engine = made[0];
     final long state = made[1];
     CLEANER.register(this, () -> nFree(engine, state));  // captures no reference to this object
+  }
+
+  /** Sets the time of a {@link Builder#settableClock(long)} clock (the engine's never goes back). */
+  public void setTimeMillis(long millis) {
+    nSetTime(host, millis);
   }
 
   /** Queues the parse of a campaign document (a JSON object with "configs"). */
@@ -185,9 +205,10 @@ public final class Engine implements AutoCloseable {
   }
 
   private native void nCreate(byte[] storePath, byte[] deviceModel, boolean firstSession, byte[] appVersion,
-      byte[] timeZone, boolean clock, boolean virtualTimers, boolean log, int logLevel, boolean dispatch,
+      byte[] timeZone, int clock, long startMillis, boolean virtualTimers, boolean log, int logLevel, boolean dispatch,
       boolean drained, long[] made);
   private static native void nFree(long handle, long host);
+  private static native void nSetTime(long host, long millis);
   private native void nParse(long handle, byte[] document);
   private native void nDeliver(long handle, long code, byte[] name, byte[] attributes);
   private native void nCountDisplay(long handle, byte[] id);
