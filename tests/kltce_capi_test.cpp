@@ -8,6 +8,10 @@
 
 #include <unistd.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "capi/capi_fixture.h"
 
 namespace {
@@ -148,6 +152,11 @@ TEST(KltceCapi, VirtualTimersEndAtOnceAndTheEngineTimeNeverGoesBack) {
 }
 
 TEST(KltceCapi, ATimerThatNeverEndsBlocksTheDrainedQueueWithoutHanging) {
+#if defined(__SANITIZE_ADDRESS__)
+  // An engine whose queue is held for good leaves its rule objects in memory by design (freeing
+  // them under the held task is not safe): not a leak to report.
+  __lsan::ScopedDisabler keptByDesign;
+#endif
   Host host;
   Engine engine(host.config());
   ASSERT_EQ(kltce_engine_parse(engine.handle, capitest::document({capitest::idleSurvey(-5000)}).c_str()), KLTCE_OK);

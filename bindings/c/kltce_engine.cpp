@@ -1,7 +1,9 @@
 // The C interface's engine handle: one KLTContextEvaluator instance over an environment built from
 // the host's kltce_config, and the entry points of include/kltce/kltce.h over it.
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
+#include <type_traits>
 
 #include <kltce/kltce.h>
 
@@ -76,12 +78,18 @@ bool onOwnQueue(const kltce_engine& handle) {
 // The environment a config describes; the adapters hold the handle's gate.
 kltce_status makeEnvironment(const kltce_config& config, const std::shared_ptr<kltce::capi::Gate>& gate,
                              KLTEnvironment& e, std::shared_ptr<kltce::capi::CallbackClock>& callbackClock) {
-  std::shared_ptr<const KLTTimeZone> zone = KLTTimeZone::system();
+  std::shared_ptr<const KLTTimeZone> zone;
   if (config.time_zone) {
     std::string name;
     if (kltce_status s = readText(config.time_zone, "time_zone", name); s != KLTCE_OK) return s;
     zone = KLTTimeZone::named(name);
     if (!zone) return fail(KLTCE_ERROR_INVALID_ARGUMENT, "time_zone: unknown time zone \"" + name + "\"");
+  } else {
+    // Finding the process's zone reads TZ and the system's setting through the C library and ICU,
+    // neither safe from two threads at once: engines made on two threads take turns.
+    static std::mutex systemZone;
+    std::lock_guard lock(systemZone);
+    zone = KLTTimeZone::system();
   }
   if (config.clock) {
     callbackClock = std::make_shared<kltce::capi::CallbackClock>(config.clock, config.clock_context, zone,
@@ -174,7 +182,11 @@ kltce_status kltce_engine_create(const kltce_config* config, kltce_engine** out)
   *out = nullptr;
   if (!config) return fail(KLTCE_ERROR_NULL_HANDLE, "kltce_engine_create: config is NULL");
   return guarded("kltce_engine_create", [&] {
-    if (config->queue != KLTCE_QUEUE_THREAD && config->queue != KLTCE_QUEUE_DRAINED) {
+    // A C host may store any number in the field: read it as a number before it is read as the
+    // enumeration, whose values outside its range C++ leaves undefined.
+    std::underlying_type_t<kltce_queue_kind> queueKind;
+    std::memcpy(&queueKind, &config->queue, sizeof queueKind);
+    if (queueKind != KLTCE_QUEUE_THREAD && queueKind != KLTCE_QUEUE_DRAINED) {
       return fail(KLTCE_ERROR_INVALID_ARGUMENT, "kltce_engine_create: unknown queue kind");
     }
     auto handle = std::make_unique<kltce_engine>();
@@ -182,7 +194,7 @@ kltce_status kltce_engine_create(const kltce_config* config, kltce_engine** out)
     std::shared_ptr<kltce::capi::CallbackClock> callbackClock;
     if (kltce_status s = makeEnvironment(*config, handle->gate, environment, callbackClock); s != KLTCE_OK) return s;
     std::shared_ptr<KLTSerialQueue> queue;
-    if (config->queue == KLTCE_QUEUE_DRAINED) {
+    if (queueKind == KLTCE_QUEUE_DRAINED) {
       handle->drained = std::make_shared<KLTDrainedSerialQueue>(kKLTCEOpsSerialQueue);
       queue = handle->drained;
       // Tasks run on the host's thread, which must not block for a timer that never ends.

@@ -1,5 +1,8 @@
 #include "bindings/c/kltce_status.h"
 
+#include <cstring>
+#include <type_traits>
+
 namespace kltce::capi {
 
 namespace {
@@ -23,7 +26,11 @@ kltce_status fail(kltce_status status, std::string message) {
 extern "C" const char* kltce_last_error(void) { return kltce::capi::lastError.c_str(); }
 
 extern "C" const char* kltce_status_name(kltce_status status) {
-  switch (status) {
+  // Any number may come from C: read it as one (an enumeration's value outside its range is
+  // undefined in C++).
+  std::underlying_type_t<kltce_status> number;
+  std::memcpy(&number, &status, sizeof number);
+  switch (number) {
     case KLTCE_OK: return "KLTCE_OK";
     case KLTCE_ERROR_NULL_HANDLE: return "KLTCE_ERROR_NULL_HANDLE";
     case KLTCE_ERROR_INVALID_ARGUMENT: return "KLTCE_ERROR_INVALID_ARGUMENT";

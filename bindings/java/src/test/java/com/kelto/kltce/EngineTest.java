@@ -104,6 +104,24 @@ class EngineTest {
   }
 
   @Test
+  void aSettableClockDatesTheDisplaysAndNeverGoesBack() {
+    List<DisplayEvent> displays = new ArrayList<>();
+    try (Engine engine = Engine.builder().appVersion("2.4.1").timeZone("UTC").settableClock(NINE_UTC)
+        .log((level, line) -> {}, 2).dispatch(displays::add).drainedQueue(true).build()) {
+      engine.parse(homeOffer("home_offer"));
+      engine.drain();
+      for (long t : new long[] {NINE_UTC + 5_000, NINE_UTC + 1_000}) {
+        engine.setTimeMillis(t);
+        engine.deliverEvent(1, "Home", null);
+        engine.drain();
+      }
+    }
+    assertEquals(2, displays.size());
+    assertEquals(NINE_UTC + 5_000, displays.get(0).timeMillis());
+    assertEquals(NINE_UTC + 5_000, displays.get(1).timeMillis(), "the engine's time does not go back");
+  }
+
+  @Test
   void aClosedEngineRefusesEveryCallWithAnException() {
     Engine engine = quiet(new ArrayList<>(), NINE_UTC).build();
     engine.close();
