@@ -18,7 +18,7 @@ public final class Engine implements AutoCloseable {
   static {
     String path = System.getProperty("kltce.jni.library");
     if (path != null) {
-      System.load(path);
+      System.load(java.nio.file.Path.of(path).toAbsolutePath().toString());  // load() wants an absolute path
     } else {
       System.loadLibrary("kltce_jni");
     }
