@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/KLTValue.h"
+
 namespace kltce_fuzz {
 
 // The input as text (any bytes, invalid UTF-8 included).
@@ -26,5 +28,10 @@ inline std::pair<std::string_view, std::string_view> firstLineAndRest(std::strin
 // Sends the engine's log lines nowhere and sets the log level that lets every line through the
 // gates (so that building them is fuzzed too). Call once, from LLVMFuzzerInitialize.
 void silenceLog();
+
+// Whether a condition's timer in the campaign document could never end (negative, or longer than
+// ten years). The engine then blocks its queue for good by design (`kltce check` reports such
+// timers), and no later input could run: targets leave such inputs out.
+bool hasEndlessTimer(const KLTValue& document);
 
 }  // namespace kltce_fuzz

@@ -16,29 +16,9 @@
 
 namespace {
 
-// A timer longer than this (ten years) is counted as one that never ends.
-constexpr int64_t kLongestTimerMillis = 10LL * 366 * 24 * 3600 * 1000;
-
 constexpr const char* kProfile = R"({"device_model": "iPhone14,2", "app_version": "2.4.1", "time_zone": "Europe/Paris",
   "user": {"attributes": {"country": "FR", "plan": "gold"}, "custom_info": {"first_name": "Camille"}},
   "session": {"attributes": {"channel": "organic"}, "custom_info": {"city": "Lyon"}}})";
-
-// Whether a condition's timer could never end. The engine then blocks its queue for good by design
-// (`kltce check` reports such timers), and no later input could run: such inputs are left out.
-bool hasEndlessTimer(const KLTValue& document) {
-  const KLTValue& configs = klt::valueForKey(document, "configs");
-  if (!configs.is_array()) return false;
-  for (const auto& config : configs) {
-    const KLTValue& conditions = klt::valueForKey(config, "conditions");
-    if (!conditions.is_array()) continue;
-    for (const auto& condition : conditions) {
-      const KLTValue& details = klt::valueForKey(condition, "details");
-      const int64_t millis = klt::integerValue(klt::valueForKey(klt::valueForKey(details, "additional_info"), "time"));
-      if (millis < 0 || millis > kLongestTimerMillis) return true;
-    }
-  }
-  return false;
-}
 
 // Whether the stream can run here: no line reads a file (the run stays within its input) and no
 // document handed over by a line holds an endless timer.
@@ -49,7 +29,7 @@ bool streamIsRunnable(std::string_view stream) {
     const kltce::LineResult r = kltce::parseStreamLine(text);
     if (!r.line || r.line->kind != kltce::LineKind::Parse) continue;
     if (!r.line->file.empty()) return false;
-    if (r.line->document && hasEndlessTimer(*r.line->document)) return false;
+    if (r.line->document && kltce_fuzz::hasEndlessTimer(*r.line->document)) return false;
   }
   return true;
 }
@@ -68,7 +48,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const auto [first, rest] = kltce_fuzz::firstLineAndRest(kltce_fuzz::asText(data, size));
   kltce::JsonResult document = kltce::parseJson(first);
-  if (!document.ok() || hasEndlessTimer(document.value) || !streamIsRunnable(rest)) return -1;
+  if (!document.ok() || kltce_fuzz::hasEndlessTimer(document.value) || !streamIsRunnable(rest)) return -1;
 
   kltce::ReplayOptions options;
   options.document = std::make_shared<const KLTValue>(std::move(document.value));

@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 seconds="${1:-25}"
 build="${2:-build/fuzz}"
 status=0
-for target in replay macros store stream_line profile campaign; do
+for target in replay macros store stream_line profile campaign capi; do
   work="$build/fuzz-work/$target"
   mkdir -p "$work/corpus" "$work/artifacts"
   log="$work/log.txt"
