@@ -67,8 +67,13 @@ std::shared_ptr<const KLTTimeZone> KLTTimeZone::fixedOffset(int minutesEast) {
 }
 
 std::shared_ptr<const KLTTimeZone> KLTTimeZone::system() {
-  // ICU reads TZ (or the system setting) once; detect it afresh for each request.
+  // ICU reads TZ (or the system setting) once; detect it afresh for each request. The detection
+  // reads the C library's zone state, which two threads must not do at once (two engine
+  // instances made together each ask for it).
+  static std::mutex detecting;
+  std::unique_lock lock(detecting);
   std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
+  lock.unlock();
   if (!zone) return fixedOffset(0);
   return std::make_shared<IcuTimeZone>(std::move(zone));
 }

