@@ -27,9 +27,9 @@
 #include <vector>
 
 #include "examples/fleet/fleet_gen.h"
-#include "tools/kltce/fleet.h"
-#include "tools/kltce/fleet_command.h"
-#include "tools/kltce/json_text.h"
+#include "tools/kltce/fleet/fleet.h"
+#include "tools/kltce/fleet/fleet_command.h"
+#include "tools/kltce/input/json_text.h"
 
 namespace {
 

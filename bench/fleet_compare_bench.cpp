@@ -18,8 +18,8 @@
 #include <string>
 
 #include "examples/fleet/fleet_gen.h"
-#include "tools/kltce/fleet.h"
-#include "tools/kltce/json_text.h"
+#include "tools/kltce/fleet/fleet.h"
+#include "tools/kltce/input/json_text.h"
 
 namespace {
 

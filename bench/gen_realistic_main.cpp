@@ -25,8 +25,8 @@
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "bench/gen_realistic.h"
 #include "platform/KLTLog.h"
-#include "tools/kltce/profile.h"
-#include "tools/kltce/replay.h"
+#include "tools/kltce/input/profile.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "platform/KLTLog.h"
-#include "tools/kltce/explain.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/replay.h"
-#include "tools/kltce/stream_line.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/stream_line.h"
+#include "tools/kltce/replay/explain.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

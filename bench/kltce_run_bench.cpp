@@ -22,9 +22,9 @@
 
 #include "bench/gen_events.h"
 #include "bench/gen_realistic.h"
-#include "tools/kltce/buffered_log.h"
-#include "tools/kltce/profile.h"
-#include "tools/kltce/replay.h"
+#include "tools/kltce/input/profile.h"
+#include "tools/kltce/replay/buffered_log.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "fuzz/fuzz_input.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/profile.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/profile.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kltce_fuzz::silenceLog();

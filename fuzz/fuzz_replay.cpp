@@ -9,10 +9,10 @@
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "fuzz/fuzz_input.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/profile.h"
-#include "tools/kltce/replay.h"
-#include "tools/kltce/stream_line.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/profile.h"
+#include "tools/kltce/input/stream_line.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

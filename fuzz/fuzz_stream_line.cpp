@@ -9,10 +9,10 @@
 
 #include "fuzz/fuzz_input.h"
 #include "platform/KLTValueReader.h"
-#include "testsupport/KLTSameStreamLine.h"
+#include "tests/KLTSameStreamLine.h"
 #include "testsupport/KLTSameTree.h"
-#include "tools/kltce/stream_line.h"
-#include "tools/kltce/time_text.h"
+#include "tools/kltce/input/stream_line.h"
+#include "tools/kltce/input/time_text.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kltce_fuzz::silenceLog();

@@ -10,9 +10,9 @@
 
 #include "KLTContextEvaluator/KLTContextEvaluator.h"
 #include "testsupport/KLTTestHost.h"
-#include "tools/kltce/admission_report.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/profile.h"
+#include "tools/kltce/analysis/admission_report.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/profile.h"
 
 namespace {
 

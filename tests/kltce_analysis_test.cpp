@@ -1,6 +1,6 @@
 // Static analysis of campaigns: each row breaks one thing in an otherwise sound campaign and names
 // the one finding it must produce.
-#include "tools/kltce/analysis.h"
+#include "tools/kltce/analysis/analysis.h"
 
 #include <functional>
 

@@ -2,7 +2,7 @@
 // finding it must give (path, severity, message) and whether the JSON Schema rejects the document;
 // then the exit status, --require-admitted, the check without a profile (no admission), and the
 // schema against every shipped document.
-#include "tools/kltce/check.h"
+#include "tools/kltce/analysis/check.h"
 
 #include <functional>
 #include <sstream>
@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "testsupport/KLTCapturedLog.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/schema_check.h"
-#include "tools/kltce/time_text.h"
+#include "tools/kltce/analysis/schema_check.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/time_text.h"
 
 namespace {
 

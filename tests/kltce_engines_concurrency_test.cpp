@@ -15,9 +15,9 @@
 #include "KLTContextEvaluator/KLTCEConstants.h"
 #include "platform/KLTLog.h"
 #include "platform/KLTUserDefaults.h"
-#include "tools/kltce/explain.h"
-#include "tools/kltce/profile.h"
-#include "tools/kltce/replay.h"
+#include "tools/kltce/input/profile.h"
+#include "tools/kltce/replay/explain.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

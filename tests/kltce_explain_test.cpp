@@ -1,7 +1,7 @@
 // The explanation of a replay: for each way a campaign can end up not firing, the outcome kind a
 // program counts and the text a person reads; and the display table of --format text. (Firing,
 // then being blocked by a cap, is explained end to end on the shipped example in kltce_tool.cmake.)
-#include "tools/kltce/explain.h"
+#include "tools/kltce/replay/explain.h"
 
 #include <sstream>
 
@@ -10,8 +10,8 @@
 #include "testsupport/KLTCampaignBuilder.h"
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
-#include "tools/kltce/display_table.h"
-#include "tools/kltce/replay.h"
+#include "tools/kltce/replay/display_table.h"
+#include "tools/kltce/replay/replay.h"
 
 using namespace kltfixture;
 using kltce::OutcomeKind;

@@ -8,12 +8,12 @@
 
 #include <unistd.h>
 
-#include "tools/kltce/check_compare.h"
-#include "tools/kltce/document_diff.h"
-#include "tools/kltce/fleet.h"
-#include "tools/kltce/fleet_command.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/replay.h"
+#include "tools/kltce/analysis/check_compare.h"
+#include "tools/kltce/analysis/document_diff.h"
+#include "tools/kltce/fleet/fleet.h"
+#include "tools/kltce/fleet/fleet_command.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "tools/kltce/fleet.h"
-#include "tools/kltce/fleet_command.h"
-#include "tools/kltce/fleet_input.h"
-#include "tools/kltce/json_text.h"
+#include "tools/kltce/fleet/fleet.h"
+#include "tools/kltce/fleet/fleet_command.h"
+#include "tools/kltce/fleet/fleet_input.h"
+#include "tools/kltce/input/json_text.h"
 
 namespace {
 

@@ -9,14 +9,14 @@
 
 #include <unistd.h>
 
-#include "tools/kltce/explain_html.h"
-#include "tools/kltce/explain_report_command.h"
-#include "tools/kltce/file_digest.h"
-#include "tools/kltce/fleet_compare_html.h"
-#include "tools/kltce/fleet_html.h"
-#include "tools/kltce/fleet_report_command.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/svg_chart.h"
+#include "tools/kltce/cli/explain_report_command.h"
+#include "tools/kltce/cli/fleet_report_command.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/report/explain_html.h"
+#include "tools/kltce/report/file_digest.h"
+#include "tools/kltce/report/fleet_compare_html.h"
+#include "tools/kltce/report/fleet_html.h"
+#include "tools/kltce/report/svg_chart.h"
 
 namespace {
 

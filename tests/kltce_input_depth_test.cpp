@@ -9,13 +9,13 @@
 #include "platform/KLTFastJson.h"
 #include "platform/KLTUserDefaults.h"
 #include "platform/KLTValueReader.h"
+#include "tests/KLTSameStreamLine.h"
 #include "testsupport/KLTCapturedLog.h"
-#include "testsupport/KLTSameStreamLine.h"
 #include "testsupport/KLTSameTree.h"
 #include "testsupport/KLTTestHost.h"
-#include "tools/kltce/json_text.h"
-#include "tools/kltce/plain_stream_line.h"
-#include "tools/kltce/stream_line.h"
+#include "tools/kltce/input/json_text.h"
+#include "tools/kltce/input/plain_stream_line.h"
+#include "tools/kltce/input/stream_line.h"
 
 namespace {
 

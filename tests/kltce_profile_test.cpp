@@ -1,6 +1,6 @@
 // Device profiles: the message a wrong value gets, and unknown keys noted. (What a profile sets on
 // the host shows in the end-to-end runs of kltce_tool.cmake.)
-#include "tools/kltce/profile.h"
+#include "tools/kltce/input/profile.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // tool must print, its exit status and what it tells the person on standard error. (Single taps,
 // the cap, the idle timer, bad lines, --strict, --auto-shown and state files are run end to end
 // in kltce_tool.cmake.)
-#include "tools/kltce/replay.h"
+#include "tools/kltce/replay/replay.h"
 
 #include <sstream>
 
@@ -14,7 +14,7 @@
 #include "platform/KLTStoreFaults.h"
 #include "testsupport/KLTCapturedLog.h"
 #include "testsupport/KLTTestHost.h"
-#include "tools/kltce/json_text.h"
+#include "tools/kltce/input/json_text.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // `kltce state`: the stored counters shown with ISO dates and the next day period, then cleared for
 // good; nothing is created where no store exists. A damaged or busy store is refused by every
 // command that reads it and left where it is; one writer at a time.
-#include "tools/kltce/state_command.h"
+#include "tools/kltce/cli/state_command.h"
 
 #include <fstream>
 #include <functional>
@@ -17,9 +17,9 @@
 #include "platform/KLTUserDefaults.h"
 #include "testsupport/KLTTestHost.h"
 #include "testsupport/KLTTestMount.h"
-#include "tools/kltce/fleet_command.h"
-#include "tools/kltce/replay.h"
-#include "tools/kltce/time_text.h"
+#include "tools/kltce/fleet/fleet_command.h"
+#include "tools/kltce/input/time_text.h"
+#include "tools/kltce/replay/replay.h"
 
 namespace {
 

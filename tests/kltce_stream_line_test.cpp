@@ -1,10 +1,10 @@
 // Reading event-stream lines, instants and zones: each row is one line and what the replay must
 // make of it (the event code, the action, or the error a person reads).
-#include "tools/kltce/stream_line.h"
+#include "tools/kltce/input/stream_line.h"
 
 #include <gtest/gtest.h>
 
-#include "tools/kltce/time_text.h"
+#include "tools/kltce/input/time_text.h"
 
 namespace {
 

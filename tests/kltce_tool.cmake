@@ -1,13 +1,27 @@
-# The kltce tool's tests: its unit tests link the tool library, and end-to-end tests run the built
-# kltce binary as a process on the small files in data/kltce/ and on the shipped examples.
-if(NOT TARGET kltce_tool)
+# The kltce tool's tests: its unit tests link the lowest layer of the tool that holds what they use
+# (tools/kltce/CMakeLists.txt), and end-to-end tests run the built kltce binary as a process on the
+# small files in data/kltce/ and on the shipped examples.
+if(NOT TARGET kltce_cli)
   add_subdirectory(${PROJECT_SOURCE_DIR}/tools/kltce ${PROJECT_BINARY_DIR}/tools/kltce)
 endif()
 
+# The layer each unit test links; a test not named here links the whole tool.
+set(kltce_test_layers
+  kltce_input_depth_test:kltce_input kltce_profile_test:kltce_input kltce_stream_line_test:kltce_input
+  kltce_admission_agreement_test:kltce_analysis kltce_analysis_test:kltce_analysis kltce_check_test:kltce_analysis
+  kltce_engines_concurrency_test:kltce_replay kltce_explain_test:kltce_replay kltce_replay_test:kltce_replay
+  kltce_fleet_compare_test:kltce_fleet kltce_fleet_test:kltce_fleet
+  kltce_html_report_test:kltce_cli kltce_state_command_test:kltce_cli)
 file(GLOB kltce_tool_tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/kltce_*_test.cpp)
 foreach(src ${kltce_tool_tests})
   get_filename_component(name ${src} NAME_WE)
-  target_link_libraries(${name} PRIVATE kltce_tool)
+  set(layer kltce_cli)
+  foreach(pair ${kltce_test_layers})
+    if(pair MATCHES "^${name}:(.+)$")
+      set(layer ${CMAKE_MATCH_1})
+    endif()
+  endforeach()
+  target_link_libraries(${name} PRIVATE ${layer})
   target_compile_definitions(${name} PRIVATE KLTCE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 endforeach()
 

@@ -1,0 +1,2 @@
+// Planted: a header left beside the folders.
+#include "tools/kltce/json_text.h"

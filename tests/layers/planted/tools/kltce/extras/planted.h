@@ -1,0 +1,2 @@
+// Planted: a folder missing from the layer table.
+#pragma once
