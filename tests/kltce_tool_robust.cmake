@@ -27,6 +27,8 @@ kltce_shell(full_stdout_fleet "${fleet} >/dev/full" 4 "${unwritten}")
 kltce_shell(full_stdout_merge "\"$TOOL\" fleet merge ${kltce_examples}/fleet/summary.json >/dev/full" 4 "${unwritten}")
 kltce_shell(full_trace "${run} --events ${kltce_examples}/events.jsonl --trace /dev/full >/dev/null" 4 "kltce: --trace: writing '/dev/full' failed")
 kltce_shell(full_csv "${fleet} --csv /dev/full >/dev/null" 4 "kltce: fleet: --csv: writing '/dev/full' failed")
+kltce_shell(full_csv_workers "\"$TOOL\" fleet --document ${doc} --fleet ${kltce_examples}/fleet/fleet.jsonl --workers 2 --csv /dev/full >/dev/null" 4
+  "kltce: fleet: --csv: writing '/dev/full' failed: No space left on device")
 # An event stream that cannot be read.
 kltce_shell(events_folder "${run} --events ${kltce_examples}" 2 "kltce: events: '[^']*' is a folder")
 kltce_shell(events_closed_stdin "${run} <&-" 2 "kltce: events: standard input is closed")

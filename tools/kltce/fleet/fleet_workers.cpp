@@ -103,17 +103,23 @@ void FleetCsvInOrder::stopAt(std::size_t piece) {
   writeReady();
 }
 
-bool FleetCsvInOrder::failed() const {
+std::string FleetCsvInOrder::failure() const {
   std::lock_guard lock(mutex_);
-  return failed_;
+  return failure_;
+}
+
+std::string FleetCsvInOrder::finish() {
+  std::lock_guard lock(mutex_);
+  if (failure_.empty() && out_ && !out_->flush()) failure_ = std::strerror(errno);
+  return failure_;
 }
 
 void FleetCsvInOrder::writeReady() {
   for (auto it = waiting_.begin(); it != waiting_.end() && it->first == next_ && next_ <= limit_;
        it = waiting_.erase(it), ++next_) {
-    if (failed_ || !out_ || it->second.empty()) continue;
+    if (!failure_.empty() || !out_ || it->second.empty()) continue;
     out_->write(it->second.data(), static_cast<std::streamsize>(it->second.size()));
-    if (!*out_) failed_ = true;
+    if (!*out_) failure_ = std::strerror(errno);  // read now: later calls change errno
   }
 }
 
@@ -215,8 +221,8 @@ int runFleetWorkers(const FleetCommand& command, const FleetOptions& options, st
     err << "kltce: fleet: " << run.error << '\n';
     return kExitFailed;
   }
-  if (csv.is_open() && (rows.failed() || !csv.flush())) {
-    err << "kltce: fleet: --csv: writing '" << command.csv << "' failed: " << std::strerror(errno) << '\n';
+  if (const std::string why = rows.finish(); csv.is_open() && !why.empty()) {
+    err << "kltce: fleet: --csv: writing '" << command.csv << "' failed: " << why << '\n';
     return kExitFailed;
   }
   return finishFleet(run.results, command.format, options.identity, out, err);

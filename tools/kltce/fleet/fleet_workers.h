@@ -55,13 +55,16 @@ class FleetProgressLine {
 
 // The CSV rows of pieces handed in out of order, written in piece order: a piece's rows go out once
 // every piece before it is in. After stopAt(p), no piece after p is written. Each write is checked:
-// a failed one makes failed() true and nothing more is written. Thread-safe.
+// a failed one makes failure() say why, and nothing more is written. Thread-safe.
 class FleetCsvInOrder {
  public:
   explicit FleetCsvInOrder(std::ostream* out) : out_(out) {}
   void complete(std::size_t piece, std::string rows);
   void stopAt(std::size_t piece);
-  bool failed() const;
+  // Why the first write failed (the system's words); empty while none has.
+  std::string failure() const;
+  // failure(), else why flushing out now fails; empty when everything was written.
+  std::string finish();
 
  private:
   void writeReady();  // with mutex_ held
@@ -70,7 +73,7 @@ class FleetCsvInOrder {
   std::map<std::size_t, std::string> waiting_;
   std::size_t next_ = 0;
   std::size_t limit_ = SIZE_MAX;
-  bool failed_ = false;
+  std::string failure_;
 };
 
 // Where the workers take pieces from: in increasing order, none after a stop.

@@ -223,8 +223,8 @@ int main(int argc, char** argv) {
         results.push_back(std::move(result));
       }
     }
-    if (code == kltce::kExitOk && csv.is_open() && (rows.failed() || !csv.flush())) {
-      err << "kltce: fleet: --csv: writing '" << command.csv << "' failed: " << std::strerror(errno) << '\n';
+    if (const std::string why = rows.finish(); code == kltce::kExitOk && csv.is_open() && !why.empty()) {
+      err << "kltce: fleet: --csv: writing '" << command.csv << "' failed: " << why << '\n';
       code = kltce::kExitFailed;
     }
     if (code == kltce::kExitOk) code = kltce::finishFleet(results, command.format, options.identity, std::cout, err);
