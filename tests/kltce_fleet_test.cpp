@@ -25,12 +25,10 @@ constexpr const char* kDocument = R"({"configs": [
 
 // pieces: replayed as that many pieces of the file, one after another, as a worker takes them;
 // csv: the rows, when given.
-kltce::FleetResult replay(const std::string& fleet, FleetPart shard = {}, FleetPart part = {}, std::size_t pieces = 0,
-                          std::ostream* csv = nullptr) {
+kltce::FleetResult replay(const std::string& fleet, FleetPart shard = {}, std::size_t pieces = 0, std::ostream* csv = nullptr) {
   kltce::FleetOptions options;
   options.document = kltce::parseJson(kDocument).value;
   options.shard = shard;
-  options.part = part;
   options.csv = csv;
   std::istringstream in(fleet);
   std::istringstream probe(fleet);
@@ -87,24 +85,22 @@ TEST(FleetReplay, EachDeviceIsFreshAndOrderErrorsNameTheLine) {
   }
 }
 
-TEST(FleetReplay, PartsOfTheDevicesAddUpToTheWhole) {
+TEST(FleetReplay, ShardsAddUpToTheWhole) {
   std::string fleet;
   for (int d = 0; d < 24; ++d) {
     const std::string id = "dev-" + std::to_string(d);
     fleet += profile(id, d % 2 ? R"(, "device_model": "Pixel 7")" : "") + go(id, d % 7) + go(id, 20 + d);
   }
   const std::string whole = replay(fleet).summary.toJson().dump();
-  for (const auto& [shards, workers] : {std::pair<uint64_t, uint64_t>{2, 1}, {3, 2}, {1, 5}}) {
-    SCOPED_TRACE(std::to_string(shards) + " shards x " + std::to_string(workers) + " workers");
+  for (const uint64_t shards : {1, 2, 3, 5}) {
+    SCOPED_TRACE(std::to_string(shards) + " shards");
     kltce::FleetSummary sum;
     uint64_t devices = 0;
     for (uint64_t s = 0; s < shards; ++s) {
-      for (uint64_t w = 0; w < workers; ++w) {
-        const kltce::FleetSummary part = replay(fleet, {s, shards}, {w, workers}).summary;
-        devices += part.devices();
-        std::string error;
-        sum.merge(*kltce::FleetSummary::fromJson(part.toJson(), error));  // through JSON, as merge reads it
-      }
+      const kltce::FleetSummary part = replay(fleet, {s, shards}).summary;
+      devices += part.devices();
+      std::string error;
+      sum.merge(*kltce::FleetSummary::fromJson(part.toJson(), error));  // through JSON, as merge reads it
     }
     EXPECT_EQ(24u, devices);
     EXPECT_EQ(whole, sum.toJson().dump());
@@ -120,16 +116,16 @@ TEST(FleetReplay, PiecesOfTheFileAddUpToTheWhole) {
     fleet += profile(id, d % 2 ? R"(, "device_model": "Pixel 7")" : "") + go(id, d % 7) + (d % 5 ? "\n" : "") + go(id, 20 + d);
   }
   std::ostringstream wholeCsv;
-  const std::string whole = replay(fleet, {}, {}, 0, &wholeCsv).summary.toJson().dump();
+  const std::string whole = replay(fleet, {}, 0, &wholeCsv).summary.toJson().dump();
   const std::string broken = fleet + profile("late") + go("dev-3", 1) + fleet;
   const kltce::FleetResult wholeError = replay(broken);
   ASSERT_NE(0u, wholeError.errorLine);
   for (const std::size_t pieces : {std::size_t{1}, std::size_t{7}, std::size_t{60}, fleet.size()}) {
     SCOPED_TRACE(std::to_string(pieces) + " pieces");
     std::ostringstream csv;
-    EXPECT_EQ(whole, replay(fleet, {}, {}, pieces, &csv).summary.toJson().dump());
+    EXPECT_EQ(whole, replay(fleet, {}, pieces, &csv).summary.toJson().dump());
     EXPECT_EQ(wholeCsv.str(), csv.str());
-    const kltce::FleetResult error = replay(broken, {}, {}, pieces);
+    const kltce::FleetResult error = replay(broken, {}, pieces);
     EXPECT_EQ(wholeError.errorLine, error.errorLine);
     EXPECT_EQ(wholeError.error, error.error);
   }

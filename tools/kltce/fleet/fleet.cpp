@@ -19,9 +19,7 @@ uint64_t fleetDeviceHash(std::string_view id) {
   return h;
 }
 
-bool fleetSelects(uint64_t hash, FleetPart shard, FleetPart part) {
-  return hash % shard.count == shard.index && (hash / shard.count) % part.count == part.index;
-}
+bool fleetSelects(uint64_t hash, FleetPart shard) { return hash % shard.count == shard.index; }
 
 std::optional<FleetPart> parseFleetPart(std::string_view text) {
   const std::size_t slash = text.find('/');
@@ -54,7 +52,7 @@ FleetResult replayFleet(const FleetOptions& options, std::istream& fleet) {
   base.compiled = KLTCEDocument::compile(base.document);  // compiled once, shared by every device's parse
   base.autoShown = options.autoShown;
   base.logLevel = 4;  // no DEBUG or ERROR line is even made; INFO lines go to the dropped log
-  const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard, options.part); };
+  const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard); };
   // Replays the devices of one reader; false when it stopped.
   const auto replayDevices = [&](FleetReader& reader) {
     while (reader.nextDevice(wanted)) {

@@ -9,9 +9,8 @@
 //
 // Which devices a process replays: the 64-bit FNV-1a hash h of the id's bytes (offset basis
 // 14695981039346656037, prime 1099511628211) selects shard h mod N of `--shard I/N`, and within a
-// shard, part (h div N) mod K of K parts. The workers (threads, and MPI ranks) share a shard by
-// ranges of the file instead (FleetOptions::nextRange), which spares each the reading of the
-// others' lines and lets a faster worker take more of them.
+// The workers (threads, and MPI ranks) share a shard by ranges of the file (FleetOptions::nextRange),
+// which spares each the reading of the others' lines and lets a faster worker take more of them.
 //
 // replayFleet() may run on several threads at once, each with its own options and stream. It
 // never throws.
@@ -40,8 +39,8 @@ struct FleetPart {
 };
 
 uint64_t fleetDeviceHash(std::string_view id);
-// Whether the device of this hash belongs to shard `shard` and, within it, to part `part`.
-bool fleetSelects(uint64_t hash, FleetPart shard, FleetPart part);
+// Whether the device of this hash belongs to shard `shard`.
+bool fleetSelects(uint64_t hash, FleetPart shard);
 // Reads "I/N" (0 <= I < N); nothing when malformed.
 std::optional<FleetPart> parseFleetPart(std::string_view text);
 
@@ -68,7 +67,6 @@ struct FleetOptions {
   std::optional<KLTSharedMap> counters;  // every device starts from these (kltce run --state); none: fresh
   bool autoShown = false;                // report every display as shown (kltce run --auto-shown)
   FleetPart shard;
-  FleetPart part;
   std::ostream* csv = nullptr;  // one row per (device, campaign); no header
   // When set, the fleet stream (seekable) is replayed as the ranges this gives, one after another
   // until it gives none, each read as a fleet file of those bytes alone, its lines numbered as in

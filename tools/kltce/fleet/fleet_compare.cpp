@@ -68,7 +68,7 @@ FleetResult replayFleetCompared(const FleetOptions& options, std::istream& fleet
     o->logLevel = 4;  // as a plain fleet: no DEBUG or ERROR line is even made
     o->compiled = KLTCEDocument::compile(o->document);
   }
-  const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard, options.part); };
+  const auto wanted = [&](std::string_view id) { return fleetSelects(fleetDeviceHash(id), options.shard); };
   const auto stop = [&](int code, std::string error, std::size_t line) { return stopFleet(result, code, std::move(error), line); };
   // Replays the devices of one reader; false when it stopped.
   const auto replayDevices = [&](FleetReader& reader) {
