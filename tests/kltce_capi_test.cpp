@@ -201,38 +201,6 @@ TEST(KltceCapi, DecisionRecordsArriveAsJsonWithTheEngineTime) {
   EXPECT_NE(host.records[0].find(R"("kind":"admitted","campaign":"home_offer")"), std::string::npos) << host.records[0];
   EXPECT_NE(host.records[0].find(R"("time":1795338000000)"), std::string::npos) << host.records[0];
 }
-
-TEST(KltceCapi, CheckTellsEachCampaignsAdmissionInDocumentOrder) {
-  Host host;
-  kltce_config config = host.config();
-  config.app_version = "1.9";
-  Engine engine(config);
-  char* findings = nullptr;
-  const std::string doc = capitest::document({capitest::homeOffer(), capitest::idleSurvey(1000)});
-  ASSERT_EQ(kltce_engine_check(engine.handle, doc.c_str(), &findings), KLTCE_OK);
-  const std::string text = findings;
-  kltce_string_free(findings);
-  EXPECT_EQ(text.rfind(R"({"campaigns":[{"id":"home_offer","admitted":false,"reason":{"step":"version")", 0), 0u) << text;
-  EXPECT_NE(text.find(R"({"id":"idle_survey","admitted":true})"), std::string::npos) << text;
-}
-
-TEST(KltceCapi, MacrosReadTheCustomInfoSetThroughTheInterface) {
-  Host host;
-  Engine engine(host.config());
-  ASSERT_EQ(kltce_engine_set_user_custom_info(engine.handle, R"({"first_name":"Camille"})"), KLTCE_OK);
-  char* filled = nullptr;
-  ASSERT_EQ(kltce_engine_replace_macros(engine.handle, "Hi [user_first_name(friend)] in [session_city(town)]", &filled), KLTCE_OK);
-  ASSERT_NE(filled, nullptr);
-  EXPECT_STREQ(filled, "Hi Camille in town");
-  kltce_string_free(filled);
-  ASSERT_EQ(kltce_engine_new_session(engine.handle, nullptr, R"({"city":"Lyon"})", 0), KLTCE_OK);
-  ASSERT_EQ(kltce_engine_replace_macros(engine.handle, "[session_city(town)]", &filled), KLTCE_OK);
-  EXPECT_STREQ(filled, "Lyon");
-  kltce_string_free(filled);
-  ASSERT_EQ(kltce_engine_replace_macros(engine.handle, "", &filled), KLTCE_OK);
-  EXPECT_EQ(filled, nullptr);
-}
-
 TEST(KltceCapi, AudienceAttributesSetBeforeTheParseDecideTheAdmission) {
   const std::string byCountry = R"({"configs":[{"_id":"fr_only","enabled":true,"audience":{"attributes":{"user":)"
                                 R"([{"name":"country","value":["FR"],"operator":"EQ"}],"session":[]}},)"

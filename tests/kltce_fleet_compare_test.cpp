@@ -215,32 +215,6 @@ TEST(FleetCompare, AnErrorStopsItAsItStopsAPlainRun) {
     EXPECT_EQ(before.csv, run.csv);
   }
 }
-
-TEST(FleetCompare, MergeRefusesWhatIsNotAComparison) {
-  const KLTValue good = replay(kOld, kOld).result.comparison->toJson();
-  const auto with = [&](const std::string& pointer, const KLTValue& value) {
-    KLTValue out = good;
-    out[KLTValue::json_pointer(pointer)] = value;
-    return out;
-  };
-  const std::pair<const char*, KLTValue> rows[] = {
-      {"a plain summary", good["new"]},
-      {"old not a summary", with("/old", KLTValue::object())},
-      {"other devices", with("/old/devices", 29)},
-      {"no status", with("/campaigns/capped/status", nullptr)},
-      {"a change not a count", with("/campaigns/capped/outcome_changes", KLTValue::parse(R"({"fired -> absent": -1})"))},
-      {"a change not a pair", with("/campaigns/capped/outcome_changes", KLTValue::parse(R"({"fired": 1})"))},
-  };
-  for (const auto& [name, json] : rows) {
-    SCOPED_TRACE(name);
-    std::string error;
-    EXPECT_FALSE(kltce::FleetComparison::fromJson(json, error));
-    EXPECT_FALSE(error.empty());
-  }
-}
-
-// `kltce fleet merge` of comparisons adds up the parts of one run only, as a plain merge does: the
-// rows name the parts (shard/split and what differs in their "part") and what the merge must say.
 TEST(FleetCompare, MergeRefusesPartsThatAreNotOfOneRun) {
   const KLTValue raised = document({campaign("capped", 1, 2), campaign("thrice", 3, 5)});
   const auto identity = [](uint64_t shard, uint64_t split, const std::string& change) {
