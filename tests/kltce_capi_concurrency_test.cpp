@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "capi/capi_fixture.h"
+#include "testsupport/KLTCapiFixture.h"
 
 namespace {
 

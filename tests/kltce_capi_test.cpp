@@ -12,7 +12,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include "capi/capi_fixture.h"
+#include "testsupport/KLTCapiFixture.h"
 
 namespace {
 

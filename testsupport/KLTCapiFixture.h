@@ -1,4 +1,4 @@
-// Helpers for the tests of the C interface: campaign documents, a host that records what the
+// Fixtures for the tests of the C interface: campaign documents, a host that records what the
 // engine's callbacks hand it, and an engine handle that is destroyed with the test.
 #pragma once
 
