@@ -10,11 +10,12 @@ targets=("${@:2}")
 
 packages=(build-essential cmake git pkg-config nlohmann-json3-dev libicu-dev libsqlite3-dev libsimdjson-dev
           libcli11-dev libvalijson-dev libgtest-dev libgmock-dev libbenchmark-dev libhowardhinnant-date-dev
-          libopenmpi-dev openmpi-bin libmimalloc-dev libssl-dev procps util-linux libcjson-dev
-          default-jdk-headless junit5 libgoogle-gson-java)
+          libopenmpi-dev openmpi-bin libmimalloc-dev libssl-dev procps util-linux libcjson-dev)
 # procps (pgrep) and util-linux (flock) serve the tool's end-to-end tests of signals and locks.
 # libcjson-dev: the C host test reads its JSON with it. The Java binding (bindings/java) is built
-# with the JDK and tested with JUnit 5's console launcher, its tests reading JSON with Gson.
+# with the JDK and tested with JUnit 5's console launcher, its tests reading JSON with Gson: only
+# for a whole build (a build of named targets, such as the quick start's tool, needs no JDK).
+if ((${#targets[@]} == 0)); then packages+=(default-jdk-headless junit5 libgoogle-gson-java); fi
 # The fuzz preset builds with clang and links its libFuzzer runtime.
 if [ "$preset" = fuzz ]; then packages+=(clang libclang-rt-14-dev); fi
 # The HTML reports are checked in headless Chromium (ctest label "browser", dev and release builds),
