@@ -82,16 +82,4 @@ TEST(KLTSeam, DefaultReplacementAndBindings) {
   exerciseSeam<2>(KLTSeamCache::PerThread);
 }
 
-// A seam without a per-thread cache holds its replaced default nowhere else: the default goes as
-// soon as it is replaced (the counter store's file lock goes with it).
-TEST(KLTSeam, UncachedSeamLetsAReplacedDefaultGo) {
-  KLTSeam<Thing<3>> seam(&Thing<3>::make);
-  auto first = std::make_shared<Thing<3>>(1);
-  std::weak_ptr<Thing<3>> watch = first;
-  seam.replaceDefault(std::move(first));
-  EXPECT_EQ(valueOn(seam), 1);
-  seam.replaceDefault(std::make_shared<Thing<3>>(2));
-  EXPECT_TRUE(watch.expired());
-}
-
 }  // namespace

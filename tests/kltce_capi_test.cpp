@@ -106,13 +106,6 @@ TEST(KltceCapi, EveryBadInputAnswersItsStatusAndAMessage) {
   EXPECT_EQ(host.takeDisplays().size(), 1u);
 }
 
-TEST(KltceCapi, DrainingOnAWorkerThreadEngineIsRefused) {
-  Host host;
-  Engine engine(host.config(KLTCE_QUEUE_THREAD));
-  EXPECT_EQ(kltce_engine_drain(engine.handle), KLTCE_ERROR_INVALID_ARGUMENT);
-  EXPECT_EQ(kltce_engine_wait_idle(engine.handle), KLTCE_OK);
-}
-
 TEST(KltceCapi, DispatchesOnceADayAndCountsWhatTheHostShowed) {
   Host host;
   Engine engine(host.config());

@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include "tests/kltce_merge_rows.h"
 #include "tools/kltce/analysis/check_compare.h"
 #include "tools/kltce/analysis/document_diff.h"
 #include "tools/kltce/fleet/fleet.h"
@@ -235,13 +236,7 @@ TEST(FleetCompare, MergeRefusesPartsThatAreNotOfOneRun) {
     json["part"] = identity(shard, split, change == "plain" ? "no old document" : change);
     return json.dump();
   };
-  struct Row {
-    const char* note;
-    std::vector<std::string> parts;
-    int status;
-    const char* message;
-  };
-  const std::vector<Row> rows = {
+  const std::vector<KltceMergeRow> rows = {
       {"shards of one split", {part(0, 2), part(1, 2)}, 0, R"("split": 1,)"},
       {"some shards of a split", {part(0, 3), part(2, 3)}, 0, R"("split": 3,)"},
       {"the same part twice", {part(0, 2), part(0, 2)}, 2, "part 2': it repeats a part already merged (shard 0/2)"},
@@ -258,24 +253,7 @@ TEST(FleetCompare, MergeRefusesPartsThatAreNotOfOneRun) {
        "part 2': it is a plain summary, the parts before it comparisons (of --compare): the two do not merge"},
       {"no part", {replay(raised, kOld).result.comparison->toJson().dump()}, 2, "part 1': \"part\" must say which run"},
   };
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kltce_compare_merge_" + std::to_string(::getpid()));
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.note);
-    std::filesystem::create_directories(dir);
-    kltce::FleetCommand command;
-    command.format = "json";
-    for (std::size_t i = 0; i < row.parts.size(); ++i) {
-      command.mergeFiles.push_back((dir / ("part " + std::to_string(i + 1))).string());
-      std::ofstream(command.mergeFiles.back()) << row.parts[i];
-    }
-    std::ostringstream out, err;
-    EXPECT_EQ(kltce::runFleetMerge(command, out, err), row.status) << err.str();
-    EXPECT_NE((row.status == 0 ? out : err).str().find(row.message), std::string::npos) << out.str() << err.str();
-    if (row.status != 0) {
-      EXPECT_EQ("", out.str());
-    }
-    std::filesystem::remove_all(dir);
-  }
+  expectMergeRows(rows);
 }
 
 TEST(DocumentDiff, ChangesArePointersWithBothValues) {

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "tests/kltce_merge_rows.h"
 #include "tools/kltce/fleet/fleet.h"
 #include "tools/kltce/fleet/fleet_command.h"
 #include "tools/kltce/fleet/fleet_input.h"
@@ -242,14 +243,8 @@ TEST(FleetMerge, RefusesPartsThatAreNotOfOneRun) {
       "why_not": {}}}, "part": {"document": ")" + doc + R"(", "fleet": {"size": )" + size + R"(, "ends": "0123456789abcdef"},
       "state": null, "auto_shown": )" + shown + R"(, "split": )" + std::to_string(split) + R"(, "shards": [)" + shards + "]}}";
   };
-  struct Row {
-    const char* note;
-    std::vector<std::string> parts;
-    int status;
-    const char* message;
-  };
   const std::string max = "18446744073709551615";
-  const std::vector<Row> rows = {
+  const std::vector<KltceMergeRow> rows = {
       {"shards of one split", {part("0", 2), part("1", 2)}, 0, R"("split": 1,)"},
       {"some shards of a split", {part("0", 3), part("2", 3)}, 0, R"("split": 3,)"},
       {"the same part twice", {part("0", 2), part("0", 2)}, 2, "part 2': it repeats a part already merged (shard 0/2)"},
@@ -265,21 +260,7 @@ TEST(FleetMerge, RefusesPartsThatAreNotOfOneRun) {
       {"no part", {R"({"devices": 0, "lines": 0, "events": 0, "bad_lines": 0, "campaigns": {}})"}, 2,
        "part 1': \"part\" must say which run"},
   };
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("kltce_merge_" + std::to_string(::getpid()));
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.note);
-    std::filesystem::create_directories(dir);
-    kltce::FleetCommand command;
-    command.format = "json";
-    for (std::size_t i = 0; i < row.parts.size(); ++i) {
-      command.mergeFiles.push_back((dir / ("part " + std::to_string(i + 1))).string());
-      std::ofstream(command.mergeFiles.back()) << row.parts[i];
-    }
-    std::ostringstream out, err;
-    EXPECT_EQ(kltce::runFleetMerge(command, out, err), row.status) << err.str();
-    EXPECT_NE((row.status == 0 ? out : err).str().find(row.message), std::string::npos) << out.str() << err.str();
-    std::filesystem::remove_all(dir);
-  }
+  expectMergeRows(rows);
 }
 
 }  // namespace
